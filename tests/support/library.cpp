@@ -1,0 +1,143 @@
+#include "tests/support/library.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "platform/include/osa.h"
+
+namespace qel::test {
+
+namespace {
+
+struct Collected {
+    std::mutex mutex;
+    std::condition_variable added;
+    std::vector<LogLine> lines;
+};
+
+// Never destroyed: a thread of the library may log while the process ends.
+Collected &collected() {
+    static auto *instance = new Collected;
+    return *instance;
+}
+
+void collect(void *, int level, int attribute, const char *line) {
+    Collected &all = collected();
+    const std::lock_guard lock(all.mutex);
+    all.lines.push_back({level, attribute, line});
+    all.added.notify_all();
+}
+
+bool holds(const LogLine &line, std::string_view part) { return line.text.find(part) != std::string::npos; }
+
+[[noreturn]] void give_up(const char *what) {
+    fprintf(stderr, "%s: %s\n", what, dlerror());
+    abort();
+}
+
+}  // namespace
+
+Log::Log() {
+    clear();
+    OSA_logSetSink(collect, nullptr);
+}
+
+Log::~Log() { OSA_logSetSink(nullptr, nullptr); }
+
+std::vector<LogLine> Log::lines() const {
+    const std::lock_guard lock(collected().mutex);
+    return collected().lines;
+}
+
+int Log::count(std::string_view part) const {
+    int found = 0;
+    for (const LogLine &line : lines()) found += holds(line, part) ? 1 : 0;
+    return found;
+}
+
+LogLine Log::find(std::string_view part) const {
+    for (const LogLine &line : lines()) {
+        if (holds(line, part)) return line;
+    }
+    ADD_FAILURE() << "nothing logged contains \"" << part << "\":\n" << all();
+    return {};
+}
+
+bool Log::wait_for(std::string_view part, int timeout_ms) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    Collected &all = collected();
+    std::unique_lock lock(all.mutex);
+    return all.added.wait_until(lock, deadline, [&] {
+        for (const LogLine &line : all.lines) {
+            if (holds(line, part)) return true;
+        }
+        return false;
+    });
+}
+
+void Log::clear() {
+    const std::lock_guard lock(collected().mutex);
+    collected().lines.clear();
+}
+
+std::string Log::all() const {
+    std::string text;
+    for (const LogLine &line : lines()) text += line.text;
+    return text;
+}
+
+Library::Library() {
+    handle_ = dlopen(QEL_LIB_DIR "/libqel.so.1", RTLD_NOW | RTLD_LOCAL);
+    if (handle_ == nullptr) give_up("libqel.so does not load");
+}
+
+Library::~Library() { unload(); }
+
+void Library::unload() {
+    if (handle_ != nullptr) dlclose(handle_);
+    handle_ = nullptr;
+}
+
+void *Library::symbol(const char *name) const {
+    void *address = dlsym(handle_, name);
+    if (address == nullptr) give_up(name);
+    return address;
+}
+
+bool Library::has(const char *name) const { return dlsym(handle_, name) != nullptr; }
+
+int fork_child() {
+    fflush(nullptr);
+    return fork();
+}
+
+void end_child(int code) {
+    fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 99 : code);
+}
+
+int wait_for_child(int pid, int deadline_ms) {
+    using namespace std::chrono;
+    const auto deadline = steady_clock::now() + milliseconds(deadline_ms);
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(milliseconds(2));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace qel::test
