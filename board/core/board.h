@@ -49,7 +49,9 @@ public:
 
     // ---- the server's face. All calls are thread-safe. ----
     uint32_t add_client(uint32_t chip, uint32_t pid, const std::string &process_name);
-    void remove_client(uint32_t client);  // closes its handles
+    // Closes what it still holds. Call it when the last of its connections is gone, those of its open
+    // devices included: a forked child may use them on.
+    void remove_client(uint32_t client);
     // Runs the request. True: the reply is complete. False: ask again after a change (see
     // on_change) or at `deadline_ms` (of now_ms, -1 = none); call withdraw if nobody will.
     bool execute(Request &request, Reply &reply, int64_t &deadline_ms);
@@ -69,6 +71,9 @@ public:
     // Printed on stderr when it happens and counted; a test fails unless it takes them.
     void report_misuse(const std::string &text);
     std::vector<std::string> take_misuses();
+    // What the software asked of the machine ("chip 0: reboot 0x1234567", "chip 1: run ls",
+    // "chip 0: umount /mnt/pd"); recorded, never done.
+    std::vector<std::string> take_events();
     void power_on();  // after a power cut
     void save();      // writes device contents to the directory; also at the end
     std::string show(bool json) const;

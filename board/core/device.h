@@ -38,7 +38,12 @@ struct Answer {
     static Answer ask_again(int64_t deadline_ms = -1) { return {0, {}, true, deadline_ms}; }
 };
 
-// One open of a device by a process. Models may hang their own state on it.
+// What a model keeps per open; ends with the handle.
+struct HandleState {
+    virtual ~HandleState() = default;
+};
+
+// One open of a device by a process.
 struct Handle {
     uint32_t id = 0;
     uint32_t client = 0;
@@ -47,6 +52,7 @@ struct Handle {
     bool nonblocking = false;  // at the moment of the request
     int64_t started_ms = 0;    // when the request now served arrived
     bool expired = false;      // the deadline that the model asked for is over
+    std::unique_ptr<HandleState> state;  // the model's own
 };
 
 class Device {
@@ -65,6 +71,11 @@ public:
     virtual Answer map(Handle &, int64_t, uint32_t) { return Answer::fail(ENODEV); }
     virtual bool readable(const Handle &) const { return false; }
 
+    // A serial line: the host's path of the pty that processes read and write themselves. Terminal
+    // calls (TermOp) and ioctls come here as well.
+    virtual std::string tty_path() const { return {}; }
+    virtual Answer term(Handle &, TermOp, Bytes) { return Answer::fail(ENOTTY); }
+
     // What it holds, for `qelboard show`.
     virtual void show(Report &) const {}
     // Bytes that outlive the board when it has a directory. Power-cut safe is the board's business.
@@ -75,9 +86,12 @@ public:
 
     Chip &chip() { return chip_; }
     const Chip &chip() const { return chip_; }
+    const std::string &node() const { return node_; }  // its path, known once it has been added
 
 private:
+    friend class Chip;
     Chip &chip_;
+    std::string node_;
 };
 
 // A kind of device. One constant of this type per model source; board/model/registry.cpp lists them.
@@ -91,5 +105,7 @@ struct DeviceClass {
 };
 
 std::span<const DeviceClass *const> device_classes();
+// Adds a kind that is not shipped (a test's own); before the first board that uses it is made.
+void add_device_class(const DeviceClass &added);
 
 }  // namespace qel::board

@@ -31,9 +31,14 @@ public:
     // Opens a device: as call(), and on Opened::kDevice also makes the descriptor that stands for it
     // in this process. It polls readable while a token lies on it: the board puts one token on when
     // the device turns readable, and `Reply::drained` of a read or ioctl tells the reader to take
-    // one off. The board learns from its closing (by the last process) that the handle is gone.
-    // Returns the descriptor, or -errno.
+    // one off: one read() of 8 bytes, the descriptor is non-blocking. The board learns from its
+    // closing (by the last process) that the handle is gone.
+    // Returns the descriptor (kDevice), 0 (else), or -errno.
     virtual int open(Request &request, Reply &reply) = 0;
+
+    // This process is about to close its descriptor of `handle`. For links that do not learn it from
+    // the closing itself.
+    virtual void closing(uint32_t /*handle*/) {}
 };
 
 }  // namespace qel::board

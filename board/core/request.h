@@ -15,12 +15,41 @@ using Buffer = std::vector<uint8_t>;
 
 enum class Op : uint8_t { kOpen, kClose, kRead, kWrite, kSeek, kIoctl, kMap, kTerm, kPath };
 
-// Operations on paths that the board answers itself or turns into a path of the host.
+// Operations on paths. What the board answers itself comes with Opened::kDevice; for a file it names
+// the path of the host in `path` (Opened::kHostFile) and the process does the operation there.
+//   kStat    of a node: value = its st_mode
+//   kList    out = the nodes in the directory, each {u32 mode, u8 length, name}; path empty: no files
+//   kRename  in = the second path; out = the host's path for it
+//   kUnmount, kRun, kReboot (code of the command in `offset`): recorded, answered, never done
 enum class PathOp : uint32_t { kStat, kList, kMakeDir, kRemove, kRename, kUnmount, kRun, kReboot };
+
+// Terminal calls on a line. kSet: in = TermSettings, offset = when; kGet and kLineStatus answer in
+// `out` (TermSettings, u32); kFlush and kFlow: offset = queue or action.
+enum class TermOp : uint32_t { kGet, kSet, kFlush, kDrain, kFlow, kLineStatus };
+
+struct TermSettings {
+    uint32_t input_flags;  // as in termios
+    uint32_t output_flags;
+    uint32_t control_flags;  // without the speed
+    uint32_t local_flags;
+    uint32_t input_baud;
+    uint32_t output_baud;
+};
+static_assert(sizeof(TermSettings) == 24);
+
+// What the board decided on a request when it came in. Stays in the process that serves; never sent.
+struct Waiting {
+    int64_t started_ms = -1;      // -1: not seen yet
+    int64_t deadline_ms = -1;     // that the device asked for
+    int64_t hold_until_ms = -1;   // a fault's delay
+    int error = 0;                // a fault's errno
+    int64_t short_bytes = -1;     // a fault's limit on the data
+    std::vector<uint32_t> flips;  // bits to turn round in the data
+};
 
 struct Request {
     Op op{};
-    uint32_t client = 0;  // the process: pid of its own numbering
+    uint32_t client = 0;  // the process: what Board::add_client answered
     uint32_t chip = 0;
     uint32_t handle = 0;       // what open answered; 0 for open and path operations
     uint32_t code = 0;         // ioctl request, open flags, whence, PathOp, terminal operation
@@ -29,6 +58,7 @@ struct Request {
     bool nonblocking = false;  // the descriptor's O_NONBLOCK at this moment
     std::string path;          // open and path operations
     Buffer in;                 // write: the bytes; ioctl: the packed record; rename: the second path
+    Waiting waiting;
 };
 
 enum class Opened : uint8_t {
@@ -45,7 +75,7 @@ struct Reply {
     uint16_t class_index = 0;  // of the device class in the registry: where the record tables stand
     bool drained = false;      // the process takes one readiness token off the handle (see link.h)
     bool killed = false;       // the power was cut: the process ends here and now
-    int fd = -1;               // memory to map; owned by whoever receives the reply
+    int fd = -1;               // memory to map, from byte `value` on; owned by who receives the reply
     std::string path;
     Buffer out;
 };
