@@ -1,0 +1,121 @@
+/*
+ * product.h - which board this is: hardware ids, product table, channel map, extended id.
+ *
+ * All facts are read once, while the library loads. Look-ups do not touch a device and block only
+ * for another look-up. A look-up of the hardware id where the product module did not start is a
+ * programming error: the calling thread logs an assertion and never returns.
+ *
+ * Chips are numbered from 0, the master. A process on a slave chip, or one of no known name, knows
+ * its own chip only, as number 0.
+ */
+#ifndef QEL_PRODUCT_H
+#define QEL_PRODUCT_H
+
+#include "qel/frame.h"
+
+QEL_BEGIN_DECLS
+
+/* ---- hardware id ---- */
+
+#define QEL_HWID_BYTES 456
+#define QEL_PRODUCT_NAME_BYTES 32 /* with the terminator */
+#define QEL_PRODUCT_INFO_BYTES 44
+#define QEL_BASE_CFG_BYTES 32
+#define QEL_PROPERTY_CHANNELS 1
+#define QEL_PROPERTY_BOARD_TYPE 5
+#define QEL_PROPERTY_CATEGORY 19
+#define QEL_PROPERTY_LAST 29
+
+/*
+ * Numbered board property, 0 to 65535. Valid numbers are 1 to 29 without 2, 7, 10 and 17; -1 for
+ * others (with a line on standard error) and for a chip that is not there (silently).
+ */
+QEL_API int QEL_productGetHwidInfoByChip(unsigned chip, int cmd);
+QEL_API int QEL_productGetHwidInfo(int cmd); /* of chip 0 */
+/*
+ * Of the chip that owns a logical channel; -1 for an unknown channel. Board type and category come
+ * from the channel map, which carries their low 8 bits.
+ */
+QEL_API int QEL_productGetHwidInfoByChn(unsigned logChn, int cmd);
+
+QEL_API int QEL_productGetCfgNum(void);           /* number of hardware-id records = chips known */
+QEL_API int QEL_productGetInfo(void *out);        /* 44 bytes, passed through from the driver */
+QEL_API int QEL_productGetBaseCfg(void *out);     /* 32 bytes, passed through from the driver */
+QEL_API int QEL_productGetName(const char **out); /* the library's; valid until it is unloaded */
+QEL_API int QEL_productTypeGet(void *out);        /* 32 bytes of name to bytes 64 to 95 of `out` */
+
+QEL_API int QEL_checkProductType(const char *name); /* 0 the product's name, -1 another; asserts non-null */
+QEL_API int QEL_isModel(const char *prefix);        /* 1 the name begins so, 0 not, -1 for null */
+
+QEL_API int QEL_getMasterSlaveMark(unsigned char *mark);
+/* info[0] = chips in the unit (1 or more), info[1] = number of this chip (0 = master). */
+QEL_API int QEL_getChipInfo(unsigned char info[2]);
+
+/* ---- image sensors, as their driver tells ---- */
+
+typedef struct {
+    uint8_t bytes[64];
+} SensorDrvEntry;
+
+typedef struct {
+    uint32_t count;
+    uint32_t word;           /* the driver's */
+    SensorDrvEntry *entries; /* count entries; NULL when there are none */
+} SensorDrvInfo;
+
+/* Reads the table again; not while another thread uses it. Opens and closes the device. */
+QEL_API int QEL_getSensorDrvInfo(void);
+QEL_API int QEL_getSensorInfo(void **out); /* *out = the library's SensorDrvInfo */
+
+/* ---- extended hardware id ---- */
+
+#define QEL_HWID_EX_BYTES 16
+
+/* Byte `id` (0 to 15) of the extended id; -1 where the board has none. */
+QEL_API int QEL_getHwidExInfo(unsigned id, unsigned char *value);
+QEL_API int QEL_getFuncStatus(unsigned *status); /* byte 7 */
+/* 0 when the boot environment names the hardware; reads the boot environment. */
+QEL_API int QEL_hwidProbe(void);
+
+/* ---- channel map ---- */
+
+#define QEL_CHANNEL_INFO_BYTES 4
+
+/*
+ * info[0] physical chip, [1] board type of that chip, [2] channel number there, [3] category of that
+ * chip. -1 for a channel that the map does not hold.
+ */
+QEL_API int QEL_chnMapGetInfo(unsigned logChn, unsigned char info[4]);
+QEL_API int QEL_getMapInfoByLogChn(unsigned logChn, unsigned char info[4]); /* the same, and logs a miss */
+QEL_API int QEL_chnMapGetTotalNum(void); /* channels of the unit; -1 before the map is there */
+QEL_API int QEL_chnMapGetLocalNum(void); /* those on chip 0; -1 before the map is there */
+
+/* ---- chain ---- */
+
+QEL_API int QEL_productInit(void);
+QEL_API int QEL_productDeinit(void);
+QEL_API int QEL_hwidGet(void); /* asks the other chips; blocks until each has answered */
+QEL_API int QEL_hwidExInit(void);
+QEL_API int QEL_chnMapInit(void);
+QEL_API int QEL_chnMapDeinit(void);
+QEL_API int QEL_configInit(void);
+QEL_API int QEL_miscInit(void);
+QEL_API int QEL_miscDeinit(void);
+QEL_API int ENV_preInit(void);
+
+/* ---- forwarding: registered by QEL_adapterInit ---- */
+
+QEL_API int PRODUCT_adapterInit(void);
+QEL_API int PRODUCT_adapterDeInit(void);
+QEL_API int CONFIG_adapterInit(void);
+QEL_API int CONFIG_adapterDeInit(void);
+QEL_API int ENV_adapterInit(void);
+QEL_API int ENV_adapterDeInit(void);
+QEL_API int QEL_configSlaveProc(AdapterMsg *msg);
+/* Asks the configuration of another chip. Not available yet: -1 with a line in the log. */
+QEL_API int QEL_configMasterIoctl(unsigned chip, unsigned cmd, void *data, unsigned bytes);
+QEL_API int QEL_envSlaveProc(AdapterMsg *msg);
+
+QEL_END_DECLS
+
+#endif
