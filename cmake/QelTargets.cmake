@@ -22,3 +22,8 @@ target_compile_options(qel_device_flags INTERFACE
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-fno-gnu-unique>
   -ffunction-sections -fdata-sections)
 target_link_options(qel_device_flags INTERFACE -Wl,--gc-sections -Wl,-z,relro,-z,now)
+
+# Programs and libraries find their neighbours wherever the tree or the package is moved to.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+file(RELATIVE_PATH qel_lib_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+set(CMAKE_INSTALL_RPATH $ORIGIN $ORIGIN/${qel_lib_from_bin})
