@@ -20,11 +20,18 @@ extern "C" {
 #endif
 #define OSA_WAIT_FOREVER 0xFFFFFFFFu
 
+struct OSA_Task;
+
+#pragma GCC visibility push(default)
+
 /* `param` points to a zeroed 32-bit word. May be called again; deinit undoes the last init. */
 int OSA_init(void *param);
 int OSA_deinit(void);
 
-/* Levels: 0 error, 1 warning, 2 information, 5 verbose. `attribute` only changes how a line looks. */
+/*
+ * Levels: 0 error, 1 warning, 2 information, 5 verbose. `attribute` only changes how a line looks.
+ * Blocks only while the standard error stream does. Leaves errno as it was.
+ */
 int OSA_logWrite(int level, int attribute, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
 /* Zero-filled memory; NULL when there is none. Aligned blocks go back through OSA_memAlignFree. */
@@ -34,14 +41,21 @@ void OSA_memFree(void *block);
 void *OSA_memUCallocAlign(size_t bytes, size_t align); /* align: a power of two */
 void OSA_memAlignFree(void *block);
 
-/* Mutex of one process, not recursive. */
+/*
+ * Mutex of one process, not recursive: locking it twice or unlocking another thread's fails. Deleting
+ * one that is held fails.
+ */
 typedef void *OSA_MutexHandle;
 int OSA_mutexCreate(OSA_MutexHandle *handle);
 int OSA_mutexDelete(OSA_MutexHandle *handle); /* sets *handle to NULL */
 int OSA_mutexLock(OSA_MutexHandle handle);
 int OSA_mutexUnlock(OSA_MutexHandle handle);
 
-/* Counting semaphore of one process. Pend with 0 polls; a non-zero result on time-out. */
+/*
+ * Counting semaphore of one process. Pend with 0 polls; a non-zero result on time-out. A post beyond
+ * `max` fails and changes nothing. Deleting wakes nobody: whoever deletes has made sure that no thread
+ * waits and none will; a thread that just came back from pend may delete.
+ */
 typedef void *OSA_SemHandle;
 int OSA_semCreate(OSA_SemHandle *handle, unsigned max, unsigned initial);
 int OSA_semPend(OSA_SemHandle handle, unsigned timeoutMs);
@@ -50,7 +64,7 @@ int OSA_semPostWhenEmpty(OSA_SemHandle handle); /* signals only when the count i
 int OSA_semGetCount(OSA_SemHandle handle, unsigned *count);
 int OSA_semDelete(OSA_SemHandle *handle);
 
-/* Queue of pointers with a fixed capacity. */
+/* Queue of pointers with a fixed capacity, in order of arrival. Deleting wakes nobody. */
 typedef void *OSA_QueHandle;
 int OSA_queCreate(OSA_QueHandle *handle, unsigned maxLen);
 int OSA_quePut(OSA_QueHandle handle, void *item, unsigned timeoutMs);
@@ -58,33 +72,44 @@ int OSA_queGet(OSA_QueHandle handle, void **item, unsigned timeoutMs);
 int OSA_queDelete(OSA_QueHandle *handle);
 
 /*
- * Threads. `stack` is in bytes, 0 = the default. Without the right to real-time priorities the
- * thread runs at the ordinary one. OSA_thrDelete asks the thread to end (OSA_thrStopping turns true
- * and waits inside OSA end early) and joins it.
+ * Threads. `stack` is in bytes, 0 = the default. `name`: the first 15 characters count. Without the
+ * right to real-time priorities, and on a virtual board, the thread runs at the ordinary one.
+ * OSA_thrDelete asks the thread to end and joins it: OSA_thrStopping turns true, sleeps end early, and
+ * waits on semaphores, queues and message boxes fail instead of blocking (what is there is still taken).
+ * A thread that waits elsewhere has to be woken by its owner first. Not for the thread's own handle.
  */
 typedef void *OSA_ThrHandle;
 typedef void *(*OSA_ThrEntry)(void *);
 int OSA_thrCreateEx(OSA_ThrHandle *handle, OSA_ThrEntry entry, int priority, unsigned stack, void *arg,
                     const char *name);
 int OSA_thrDelete(OSA_ThrHandle *handle);
+int OSA_thrStopping(void); /* 1 when the calling thread or task is being deleted */
 int OSA_thrGetMaxPri(void);
 int OSA_thrGetMinPri(void);
 int OSA_thrGetTid(void); /* the kernel's thread id */
 
-/* Task: a thread with a message box. Its entry is called once, with the first message. */
+/*
+ * Task: a thread with a message box of 128 messages. Its entry is called once, with the parameter of
+ * the first message; a task deleted before its first message never calls it. OSA_tskSendMsg does not
+ * block: it fails while the box is full. `flags` is 0.
+ */
 typedef struct OSA_Task *OSA_TskHandle;
 typedef int (*OSA_TskEntry)(OSA_TskHandle self, void *firstMsg, void *arg);
-#define OSA_TSK_CMD_EXIT 0xFFFFFFFFu /* what OSA_tskDelete sends: return from the entry */
+#define OSA_TSK_CMD_EXIT 0xFFFFFFFFu /* return from the entry: the task is being deleted, its box is empty \
+                                      */
 int OSA_tskCreate(OSA_TskHandle *handle, OSA_TskEntry entry, int priority, unsigned stack, void *arg,
                   const char *name);
 int OSA_tskSendMsg(OSA_TskHandle to, unsigned cmd, void *prm, unsigned flags);
 /* Waits for the next message: its command in *cmd and parameter in *prm, either may be NULL. */
 int OSA_tskWaitMsg(OSA_TskHandle self, unsigned *cmd, void **prm, unsigned timeoutMs);
-int OSA_tskDelete(OSA_TskHandle *handle); /* sends the exit command and joins */
+int OSA_tskDelete(OSA_TskHandle *handle); /* as OSA_thrDelete */
 
 /*
- * System V semaphores and shared memory. A key is made from an existing file and a small number.
- * Locks are undone by the kernel when their holder dies.
+ * System V semaphores and shared memory. A key is made from an existing file and a number from 1 to
+ * 255. Semaphore 0 of a set is the lock; the kernel undoes a lock when its holder dies. With `create`
+ * the object is opened if it exists and made otherwise; a new set starts with `initial` in each of its
+ * `nsems` (1 to 32) semaphores, whoever dies meanwhile. Every process gives the same `nsems`.
+ * Unlocking what this handle does not hold fails.
  */
 int OSA_ipcMakeKey(const char *path, int projId, int *key);
 typedef void *OSA_IpcSem;
@@ -105,6 +130,8 @@ uint64_t OSA_timeMs(void); /* monotonic, in the world's milliseconds */
  */
 typedef void (*OSA_LogSink)(void *context, int level, int attribute, const char *line);
 void OSA_logSetSink(OSA_LogSink sink, void *context);
+
+#pragma GCC visibility pop
 
 #ifdef __cplusplus
 }
