@@ -88,7 +88,7 @@ int poll(pollfd *fds, unsigned count, int timeout_ms) {
 
 int wait(int fd, short events, int timeout_ms) {
     pollfd one{fd, events, 0};
-    const int ready = poll(&one, 1, timeout_ms);
+    const int ready = os::poll(&one, 1, timeout_ms);
     return ready > 0 ? one.revents : ready;
 }
 

@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
