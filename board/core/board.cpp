@@ -175,6 +175,11 @@ std::vector<std::string> Board::take_events() {
     return impl_->unit.take_events();
 }
 
+bool Board::has_power() const {
+    const Lock lock(impl_->mutex);
+    return impl_->unit.has_power();
+}
+
 void Board::power_on() {
     const Lock lock(impl_->mutex);
     impl_->unit.power_on();

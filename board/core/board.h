@@ -74,7 +74,8 @@ public:
     // What the software asked of the machine ("chip 0: reboot 0x1234567", "chip 1: run ls",
     // "chip 0: umount /mnt/pd"); recorded, never done.
     std::vector<std::string> take_events();
-    void power_on();  // after a power cut
+    bool has_power() const;  // false after a power cut
+    void power_on();
     void save();      // writes device contents to the directory; also at the end
     std::string show(bool json) const;
 

@@ -39,6 +39,7 @@ public:
     Answer poke(uint32_t chip, std::string_view node, const std::vector<std::string> &words);
     std::vector<std::string> take_misuses();
     std::vector<std::string> take_events();
+    bool has_power() const { return !powerless_; }
     void power_on();
     void save() const;
     void show(Report &report) const;

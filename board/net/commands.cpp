@@ -137,8 +137,10 @@ bool Commands::misuses(const Words &, std::string &text) {
     return true;
 }
 
-bool Commands::power_on(const Words &, std::string &) {
+bool Commands::power_on(const Words &, std::string &text) {
+    if (board_.has_power()) return true;
     board_.power_on();
+    text = "the power is on again\n";
     return true;
 }
 

@@ -24,7 +24,7 @@ namespace qel::board {
 //     info                     name, chips, time scale and the folder of the sockets, one per line
 //     events                   what the software asked of the machine since the last question
 //     misuses                  what it did wrong to its devices since the last question
-//     power-on                 after a power cut
+//     power-on                 after a power cut; answers nothing when the power was on
 //     save                     device contents to the board's folder
 //     hold                     the server stays while this connection does (see stop_when_unused)
 //     release                  undoes hold; answers how many others hold it

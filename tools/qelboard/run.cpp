@@ -358,7 +358,8 @@ int run_on_board(const RunOptions &options) {
     if (options.place.chip >= info.chips)
         throw Failure("board " + info.name + " has no chip " + std::to_string(options.place.chip) +
                       ", its chips are 0 to " + std::to_string(info.chips - 1));
-    command(board.link(), {"power-on"});
+    if (!command(board.link(), {"power-on"}).empty())
+        fprintf(stderr, "qelboard: the power had been cut; it is on again\n");
     int status = 0;
     bool served = true;
     {

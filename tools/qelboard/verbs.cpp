@@ -272,7 +272,7 @@ void add_power_on(CLI::App &app, CommandLine &) {
     auto *verb = app.add_subcommand("power-on", "Switch a running board on again after a power cut");
     auto dir = std::make_shared<std::string>();
     add_dir(*verb, *dir);
-    verb->callback([dir] { command(*connect_control(running_socket(*dir)), {"power-on"}); });
+    verb->callback([dir] { print(command(*connect_control(running_socket(*dir)), {"power-on"})); });
 }
 
 }  // namespace qel::tool
