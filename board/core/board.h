@@ -76,7 +76,7 @@ public:
     std::vector<std::string> take_events();
     bool has_power() const;  // false after a power cut
     void power_on();
-    void save();      // writes device contents to the directory; also at the end
+    void save();  // writes device contents to the directory; also at the end
     std::string show(bool json) const;
 
     struct Impl;  // impl.h

@@ -46,7 +46,8 @@ public:
         const size_t got = std::min<size_t>(bytes, content_.size() - std::min(at, content_.size()));
         handle.position += static_cast<int64_t>(got);
         const auto first = content_.begin() + static_cast<ptrdiff_t>(at);
-        return Answer::ok(static_cast<int64_t>(got), got > 0 ? Buffer(first, first + static_cast<ptrdiff_t>(got)) : Buffer());
+        return Answer::ok(static_cast<int64_t>(got),
+                          got > 0 ? Buffer(first, first + static_cast<ptrdiff_t>(got)) : Buffer());
     }
     Answer write(Handle &handle, Bytes bytes) override {
         const auto at = static_cast<size_t>(handle.position);
@@ -68,7 +69,8 @@ public:
             case kWait:
                 if (woken_) return Answer::ok(handle.nonblocking ? 2 : 1);
                 if (handle.expired) return Answer::fail(ETIMEDOUT);
-                return Answer::ask_again(in[0] == 0 && in[1] == 0 ? -1 : handle.started_ms + in[0] + 256 * in[1]);
+                return Answer::ask_again(in[0] == 0 && in[1] == 0 ? -1
+                                                                  : handle.started_ms + in[0] + 256 * in[1]);
             case kAccuse:
                 chip().report_misuse(*this, "second write without erase");
                 return Answer::ok();
