@@ -56,7 +56,8 @@ Request sample_request() {
 }  // namespace
 
 TEST_F(Wire, CarriesRequestsOfEverySize) {
-    for (const size_t bytes : {size_t{0}, size_t{1}, wire::kInlineBytes, wire::kInlineBytes + 1, size_t{1} << 20}) {
+    for (const size_t bytes :
+         {size_t{0}, size_t{1}, wire::kInlineBytes, wire::kInlineBytes + 1, size_t{1} << 20}) {
         Request sent = sample_request();
         sent.in = pattern(bytes);
         ASSERT_TRUE(wire::put_request(out_, 77, sent));
@@ -153,7 +154,8 @@ TEST_F(Wire, RefusesEveryPacketThatIsNotWhole) {
         };
         EXPECT_TRUE(accepted(whole)) << one.name;
         for (size_t bytes = 1; bytes < whole.size(); ++bytes)
-            EXPECT_FALSE(accepted({whole.begin(), whole.begin() + static_cast<ptrdiff_t>(bytes)})) << one.name << bytes;
+            EXPECT_FALSE(accepted({whole.begin(), whole.begin() + static_cast<ptrdiff_t>(bytes)}))
+                << one.name << bytes;
         Buffer longer = whole;
         longer.push_back(0);
         EXPECT_FALSE(accepted(longer)) << one.name;
