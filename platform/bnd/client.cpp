@@ -258,10 +258,11 @@ int Client::get(BinderRecord *record, Deadline deadline) {
             continue;
         }
         int status = 0;
-        const int outcome = read_one(connection, sequence, record, deadline, &status);
+        int outcome = read_one(connection, sequence, record, deadline, &status);
         {
             const Lock lock(mutex_);
             reading_ = false;
+            if (closed_ && outcome < 0) outcome = BND_EFAIL;  // we ended the connection, not the daemon
         }
         tell_others();
         if (outcome != 0) return outcome > 0 ? status : outcome;
