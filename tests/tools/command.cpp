@@ -13,8 +13,8 @@ namespace qel::test {
 
 namespace {
 
-void send_to_file(const std::string &path, int fd) {
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+void make_it(int fd, const std::string &path, int flags) {
+    const int file = open(path.c_str(), flags | O_CLOEXEC, 0600);
     if (file < 0 || dup2(file, fd) < 0) _exit(125);
 }
 
@@ -33,9 +33,9 @@ Outcome run(const std::string &command, int deadline_ms) {
     const std::string err = scratch.path() + "/err";
     const int pid = fork_child();
     if (pid == 0) {
-        send_to_file("/dev/null", STDIN_FILENO);
-        send_to_file(out, STDOUT_FILENO);
-        send_to_file(err, STDERR_FILENO);
+        make_it(STDIN_FILENO, "/dev/null", O_RDONLY);
+        make_it(STDOUT_FILENO, out, O_WRONLY | O_CREAT | O_TRUNC);
+        make_it(STDERR_FILENO, err, O_WRONLY | O_CREAT | O_TRUNC);
         setenv("PATH", (std::string(QEL_BIN_DIR ":") + getenv("PATH")).c_str(), 1);
         unsetenv("OSA_LOG");
         unsetenv("NO_COLOR");

@@ -281,7 +281,7 @@ TEST(Qelctl, CompletesVerbsOptionsAndNames) {
     };
     for (const auto &[line, expected] : cases) {
         std::string words = line;
-        if (words.back() == ' ') words += "''";
+        if (words.back() == ' ') words += "\"\"";
         const Outcome outcome =
             run("bash -c '. " QEL_COMPLETION "; COMP_WORDS=(" + words +
                 "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _qelctl; echo \"${COMPREPLY[*]}\"'");
