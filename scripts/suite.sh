@@ -71,7 +71,7 @@ suite_asan() { # every test with the address and undefined-behaviour sanitizers
 }
 
 suite_tsan() { # the tests of concurrency with the thread sanitizer
-    build tsan
+    build tsan concurrency_tests
     # Some kernels place mappings where the thread sanitizer of this compiler does not expect them.
     if setarch -R true; then launcher=(setarch -R); fi
     run_tests tsan
@@ -83,12 +83,8 @@ suite_arm() { # 32-bit ARM: every test but those that emulation cannot run
     run_tests armhf
 }
 
-suite_clang() { # clang builds it all, with its thread-safety analysis
-    check "clang build" build clang
-}
-
-suite_tidy() { # clang-tidy over our own sources
-    build clang
+suite_tidy() { # clang with its thread-safety analysis, and clang-tidy, over every source
+    configure clang
     check "clang-tidy" bash tests/checks/tidy.sh build/clang
 }
 

@@ -7,6 +7,7 @@
 set -euo pipefail
 readonly objects=$1/libqel/CMakeFiles/qel_objects.dir/__
 cd "$(dirname "$0")/../.."
+source tests/checks/inclusions.sh
 
 # What the modules get from os/ or from the layers below it, and never from libc themselves.
 readonly kernel="
@@ -70,22 +71,6 @@ layers() {
 
 # The composition root names every module.
 readonly may_include_all="frame/startup.cpp"
-
-# Every inclusion of an own header in these folders, as "FILE HEADER" with paths from the top.
-inclusions() {
-    local file header folder
-    git ls-files -co --exclude-standard -- include os frame product storage comm upgrade ptz video system platform board tools examples |
-        grep -E '\.(cpp|c|h)$' | while IFS= read -r file; do
-        sed -n 's/^ *# *include *["<]\([^">]*\)[">].*/\1/p' "$file" | while IFS= read -r header; do
-            for folder in "" include/ platform/include/ "${file%/*}/"; do
-                if [[ -f $folder$header ]]; then
-                    echo "$file $folder$header"
-                    break
-                fi
-            done
-        done
-    done
-}
 
 check_layers() {
     awk -v root="$may_include_all" '
