@@ -433,6 +433,7 @@ bool Server::Impl::control(Connection &connection, wire::Reader &reader) {
     } else {
         ok = commands_.run(words, text);
     }
+    changed_ = put_tokens() || changed_;  // a poke is over when it shows
     return wire::put_control_reply(out_, ok, text) && send(connection);
 }
 
@@ -480,8 +481,6 @@ bool Server::Impl::try_request(Connection &connection) {
 }
 
 bool Server::Impl::send_reply(Connection &connection) {
-    // Another thread may have made the device readable: the token that is to be taken off must be there.
-    if (reply_.drained) changed_ = put_tokens() || changed_;
     int device = -1;
     const bool opened = connection.request.op == Op::kOpen && reply_.value >= 0 &&
                         (reply_.opened == Opened::kDevice || reply_.opened == Opened::kTty);
@@ -489,6 +488,8 @@ bool Server::Impl::send_reply(Connection &connection) {
         reply_ = {};
         reply_.value = -ENFILE;
     }
+    // First the tokens: what the answer made readable must poll so, what it drained must be there.
+    changed_ = put_tokens() || changed_;
     if (!wire::put_reply(out_, connection.sequence, reply_, device)) {
         Reply failed;
         failed.value = -ENOMEM;

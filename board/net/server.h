@@ -19,7 +19,7 @@ namespace qel::board {
 //     fault TEXT...            adds faults (grammar in board/core/fault.h)
 //     clear-faults
 //     trace PATH | trace       appends every request to a file of the server's; no path: stops
-//     poke CHIP NODE WORDS...  what the device understands
+//     poke CHIP NODE WORDS...  what the device understands; answers its bytes, or else its number
 //     show [json]
 //     info                     name, chips, time scale and the folder of the sockets, one per line
 //     events                   what the software asked of the machine since the last question

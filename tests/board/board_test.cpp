@@ -273,6 +273,15 @@ TEST(Board, AccusesWrongUse) {
     EXPECT_TRUE(here.board.take_misuses().empty());
 }
 
+TEST(Board, EndsTheTestThatOverlooksWrongUse) {
+    EXPECT_EQ(run_in_child([] {
+                  OnBoard here("[chip.probe]\n");
+                  ops().ioctl(ops().open("/dev/probe", O_RDWR, 0), kAccuse, nullptr);
+                  return 0;
+              }),
+              128 + SIGABRT);
+}
+
 TEST(Board, TracesEveryRequest) {
     OnBoard here("[chip.probe]\n", {}, {.chip = 0, .as = "systools"});
     std::FILE *file = std::tmpfile();

@@ -78,7 +78,7 @@ public:
     }
     void poke(std::vector<std::string> words) const {
         words.insert(words.begin(), {"poke", "0", "/dev/probe"});
-        EXPECT_EQ(command(words), "");
+        EXPECT_EQ(command(words), "0");
     }
     // Open handles of the probe, as the board counts them.
     int open_count() const {

@@ -200,6 +200,12 @@ TEST(BoardServing, TellsWhenToAskAgainAndForgetsItsClients) {
     EXPECT_TRUE(board.execute(wait, reply, deadline_ms));
     EXPECT_EQ(reply.value, 1);
 
+    Request stunted = wait;
+    stunted.in = {1};
+    stunted.waiting = {};
+    EXPECT_TRUE(board.execute(stunted, reply, deadline_ms));
+    EXPECT_EQ(reply.value, -EFAULT) << "a record of another size never reaches the device";
+
     board.remove_client(client);
     Request late;
     late.op = Op::kRead;

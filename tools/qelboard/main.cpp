@@ -46,6 +46,12 @@ int main(int argc, char **argv) {
     // Started by `run` for the other chips of a unit.
     app.add_subcommand("resident", "")->group("")->callback([&] { line.code = be_resident(); });
 
+    const auto verbs = app.get_subcommands([](CLI::App *) { return true; });
+    if (!own.empty() && !own[0].starts_with('-') &&
+        std::ranges::none_of(verbs, [&](const CLI::App *verb) { return verb->get_name() == own[0]; })) {
+        fprintf(stderr, "qelboard: there is no verb \"%s\"; see qelboard --help\n", own[0].c_str());
+        return kUsage;
+    }
     try {
         std::ranges::reverse(own);  // as the parser wants them
         app.parse(own);
