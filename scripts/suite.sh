@@ -47,21 +47,21 @@ suite_release() { # the release build with g++, warnings as errors
 }
 
 suite_style() { # formatting, layers and circles, the one door to the kernel, shell scripts
-    check "release build" build release
+    build release
     check "formatting" bash tests/checks/format.sh
     check "structure" bash tests/checks/structure.sh build/release
     check "shell scripts" bash tests/checks/shell.sh
 }
 
 suite_package() { # exported names, headers as C and C++, install, programs of others built against it
-    check "release build" build release
+    build release
     check "exported names" bash packaging/exports.sh --check build/release/lib/libqel.so
     check "headers by themselves" bash tests/checks/headers.sh
     check "install and use" bash tests/package/run.sh build/release
 }
 
 suite_docs() { # the commands that the documentation shows
-    check "release build" build release
+    build release
     check "commands of the documentation" bash scripts/run-docs.sh README.md docs/*.md
 }
 
