@@ -20,8 +20,8 @@ constexpr const char *kFooter = R"(Examples:
   qelboard serve dome --dir ~/mydome       (and in another terminal: qelboard show --dir ~/mydome)
 
 Exit codes: of `run`, the command's own, 128 + n when signal n ended it, 127 when it was not found,
-126 when it could not be executed, 125 when qelboard itself failed. Of the others: 0 done, 1 failed,
-2 wrong command line.)";
+126 when it could not be executed, 125 when qelboard itself failed, 124 when the command succeeded but
+used a device wrongly. Of the others: 0 done, 1 failed, 2 wrong command line.)";
 
 }  // namespace
 
