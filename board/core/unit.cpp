@@ -21,11 +21,16 @@ constexpr uint32_t kMostPathBytes = 4096;
 // The one file of the host's own that a process sees: its name is the process's, not the chip's.
 constexpr std::string_view kOwnNameFile = "/proc/self/comm";
 
-const char *request_name(const Node &node, uint32_t code) {
+const RequestSpec *find_spec(const Node &node, uint32_t code) {
     for (const RequestSpec &spec : node.device_class->requests) {
-        if (spec.code == code) return spec.name;
+        if (spec.code == code) return &spec;
     }
-    return "";
+    return nullptr;
+}
+
+// A flat record has its size whoever sent it; a model may rely on that.
+bool has_right_size(const RequestSpec *spec, const Buffer &in) {
+    return spec != nullptr ? spec->pack != nullptr || in.size() == spec->in_bytes : in.empty();
 }
 
 void flip_bits(const std::vector<uint32_t> &bits, Buffer &data) {
@@ -117,7 +122,9 @@ int Unit::find_target(const Request &request, Target &target) {
     target.open = &found->second;
     target.node = found->second.node;
     target.chip = found->second.chip;
-    return 0;
+    if (request.op != Op::kIoctl) return 0;
+    target.spec = find_spec(*target.node, request.code);
+    return has_right_size(target.spec, request.in) ? 0 : -EFAULT;
 }
 
 std::string_view Unit::path_of(const Target &target) const {
@@ -129,15 +136,15 @@ void Unit::arrive(Request &request, const Target &target) {
     Waiting &waiting = request.waiting;
     waiting.started_ms = now_us() / 1000;
     if (faults_.empty() || target.chip == nullptr) return;
-    const char *name = request.op == Op::kIoctl ? request_name(*target.node, request.code) : "";
     const RequestView view{target.chip->number(), path_of(target), operation_name(request.op, request.code),
-                           name, request.code};
+                           target.request_name(), request.code};
     for (Fault &fault : faults_) {
         if (!matches(fault, view) || !fault.strikes()) continue;
         if (fault.action == FaultAction::kFail) waiting.error = static_cast<int>(fault.argument);
         if (fault.action == FaultAction::kDelay) waiting.hold_until_ms = waiting.started_ms + fault.argument;
         if (fault.action == FaultAction::kShort) waiting.short_bytes = fault.argument;
-        if (fault.action == FaultAction::kFlip) waiting.flips = fault.flips;
+        if (fault.action == FaultAction::kFlip)
+            waiting.flips.insert(waiting.flips.end(), fault.flips.begin(), fault.flips.end());
     }
     if (!writes_data(request.op)) return;
     flip_bits(waiting.flips, request.in);
@@ -469,14 +476,13 @@ void Unit::load_device(Chip &chip, Node &node) const {
 void Unit::trace(const Request &request, const Reply &reply, const Target &target) const {
     const auto client = clients_.find(request.client);
     const bool known = client != clients_.end();
-    const bool is_ioctl = request.op == Op::kIoctl && target.node != nullptr;
     const TraceEntry entry{.time_us = now_us(),
                            .chip = target.chip != nullptr ? target.chip->number() : request.chip,
                            .pid = known ? client->second.pid : 0,
                            .process = known ? std::string_view(client->second.process) : "",
                            .node = path_of(target),
                            .operation = operation_name(request.op, request.code),
-                           .request_name = is_ioctl ? request_name(*target.node, request.code) : ""};
+                           .request_name = target.request_name()};
     const std::string line = trace_line(entry, request, reply) + "\n";
     std::fwrite(line.data(), 1, line.size(), trace_);
     std::fflush(trace_);

@@ -72,10 +72,11 @@ private:
     // What a request is about.
     struct Target {
         Chip *chip = nullptr;
-        Node *node = nullptr;  // nullptr: a file, or nothing
-        Open *open = nullptr;  // of requests on a handle
-        std::string path;      // of requests on a path: normal
-        const char *request_name = "";
+        Node *node = nullptr;               // nullptr: a file, or nothing
+        Open *open = nullptr;               // of requests on a handle
+        std::string path;                   // of requests on a path: normal
+        const RequestSpec *spec = nullptr;  // of an ioctl that the device's class knows
+        const char *request_name() const { return spec != nullptr ? spec->name : ""; }
     };
 
     int find_target(const Request &request, Target &target);

@@ -212,11 +212,9 @@ Answer Gpio::wait_edge(Handle &handle, Bytes in) {
 
 Answer Gpio::ioctl(Handle &handle, uint32_t request, Bytes in) {
     if (request == QEL_GPIO_GET_COUNT) return Answer::ok(0, u32_record(static_cast<uint32_t>(lines_.size())));
-    if (request == QEL_GPIO_WAIT_EDGE)
-        return in.size() == kEdgeBytes ? wait_edge(handle, in) : Answer::fail(EFAULT);
+    if (request == QEL_GPIO_WAIT_EDGE) return wait_edge(handle, in);
     const auto known = [=](const RequestSpec &spec) { return spec.code == request; };
     if (std::none_of(std::begin(kRequests), std::end(kRequests), known)) return Answer::fail(ENOTTY);
-    if (in.size() != kLineBytes) return Answer::fail(EFAULT);
     const uint32_t number = get_u32(in, 0);
     const uint32_t value = get_u32(in, 4);
     if (number >= lines_.size()) return Answer::fail(EINVAL);
