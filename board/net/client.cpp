@@ -240,12 +240,15 @@ int SocketLink::ask(Connection &connection, Request &request, Reply &reply, int 
         return 0;
     }
     int error = send_packet(connection.socket.get(), connection.out);
+    connection.out.descriptors.clear();
     if (error == 0) error = await_reply(connection);
     if (error != 0) return error;
     wire::Reader reader(connection.in);
     const wire::Head head = wire::read_head(reader);
-    const bool fits = head.kind == wire::Kind::kReply && head.sequence == connection.sequence;
-    return fits && wire::get_reply(reader, reply, device) ? 0 : -EPROTO;
+    const bool fits = head.kind == wire::Kind::kReply && head.sequence == connection.sequence &&
+                      wire::get_reply(reader, reply, device);
+    connection.in.descriptors.clear();
+    return fits ? 0 : -EPROTO;
 }
 
 void SocketLink::perform(Request &request, Reply &reply, int &device) {
