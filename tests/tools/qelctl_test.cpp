@@ -180,6 +180,8 @@ TEST_F(Probe, WhatGoesWrongHasItsMessageAndExitCode) {
          "qelctl: channel 3 is not in the channel map; `qelctl channels` lists those that are."},
         {"a library without our functions", "--as vesta", "--library libc.so.6 info", kNoLibrary,
          "it is older than this qelctl."},
+        {"two names at once", "--as vesta", "--as systools info", kFailed,
+         "qelctl: asked to be systools, but this process was made vesta."},
         {"no room for the output", "--as vesta", "info > /dev/full", kNoOutput,
          "qelctl: cannot write the output: No space left on device."},
     };
