@@ -48,12 +48,7 @@ class CleanUp : public testing::Environment {
 public:
     void TearDown() override {
         if (directory[0] == '\0' || getpid() != owner) return;
-        std::ifstream made(world_dir() + "/sysv");
-        std::string kind;
-        for (int id = 0; made >> kind >> id;) {
-            if (kind == "sem") semctl(id, 0, IPC_RMID);
-            if (kind == "shm") shmctl(id, IPC_RMID, nullptr);
-        }
+        remove_system_v_objects();
         std::filesystem::remove_all(directory);
     }
 };
@@ -70,6 +65,17 @@ qel_world &world() {
 std::string world_dir() {
     world();
     return directory;
+}
+
+void remove_system_v_objects() {
+    const std::string list = world_dir() + "/sysv";
+    std::ifstream made(list);
+    std::string kind;
+    for (int id = 0; made >> kind >> id;) {
+        if (kind == "sem") semctl(id, 0, IPC_RMID);
+        if (kind == "shm") shmctl(id, IPC_RMID, nullptr);
+    }
+    std::filesystem::remove(list);
 }
 
 Nursery::Nursery(std::vector<std::function<void()>> bodies) {
@@ -96,6 +102,7 @@ Nursery::~Nursery() {
 }
 
 void Nursery::run(const std::vector<std::function<void()>> &bodies, int commands, int answers) {
+    std::vector<pid_t> children;  // those nobody has waited for
     char what = 0;
     int argument = 0;
     while (read(commands, &what, 1) == 1 && read(commands, &argument, sizeof argument) == sizeof argument) {
@@ -109,11 +116,16 @@ void Nursery::run(const std::vector<std::function<void()>> &bodies, int commands
                 bodies[static_cast<size_t>(argument)]();
                 end_child(0);
             }
+            children.push_back(answer);
         } else {
             if (what == 'k') kill(argument, SIGKILL);
             answer = wait_for_child(argument, kPatienceMs);
+            std::erase(children, argument);
         }
         if (write(answers, &answer, sizeof answer) != sizeof answer) break;
+    }
+    for (const pid_t child : children) kill(child, SIGKILL);
+    while (::wait(nullptr) > 0) {
     }
     _exit(0);
 }

@@ -15,6 +15,8 @@ namespace qel::test {
 // Changes hold for this process and the children it makes afterwards.
 qel_world &world();
 std::string world_dir();
+// Those that were made in this world.
+void remove_system_v_objects();
 
 // Long enough for any machine: a wait that ends here has failed.
 constexpr int kPatienceMs = 30000;
