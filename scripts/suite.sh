@@ -28,7 +28,7 @@ check() {
 launcher=()
 
 # run_tests PRESET [CTEST ARGUMENTS...]: counts every test. A test may skip only what this machine
-# truly lacks, with a text that starts "this machine lacks"; any other skip is a failure.
+# truly lacks, with a text that starts "this machine lacks" or "this machine has no"; any other skip is a failure.
 run_tests() {
     local preset=$1 report=$PWD/build/results/$1.xml status=0
     shift
