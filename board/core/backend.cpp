@@ -266,14 +266,12 @@ struct FileWalk {
     const std::set<std::string> *nodes;
     qel_os_visit visit;
     void *context;
-    bool ended;
 };
 
 int visit_file(void *context, const char *name, const qel_os_file_info *info) {
-    auto *walk = static_cast<FileWalk *>(context);
+    const auto *walk = static_cast<const FileWalk *>(context);
     if (walk->nodes->count(name) != 0) return 0;
-    walk->ended = walk->visit(walk->context, name, info) != 0;
-    return walk->ended ? 1 : 0;
+    return walk->visit(walk->context, name, info);
 }
 
 int board_list(const char *path, qel_os_visit visit, void *context) {
@@ -295,9 +293,8 @@ int board_list(const char *path, qel_os_visit visit, void *context) {
         nodes.insert(name);
         at += 5 + length;
     }
-    FileWalk walk{&nodes, visit, context, false};
-    const int result = kernel().list(host.c_str(), visit_file, &walk);
-    return result == -ENOENT && !nodes.empty() ? 0 : result;
+    FileWalk walk{&nodes, visit, context};
+    return kernel().list(host.c_str(), visit_file, &walk);
 }
 
 int board_make_dir(const char *path, unsigned mode) {

@@ -87,6 +87,7 @@ void Chip::add(const std::string &path, std::unique_ptr<Device> device) {
     if (path != normal_path(path) || path == "/" || nodes_.count(path) != 0)
         throw std::invalid_argument("node \"" + path + "\" is no absolute path or exists already");
     device->node_ = path;
+    tree_.make_dir(path.substr(0, path.rfind('/') + 1));
     nodes_.emplace(path, Node{path, std::move(device), building_, building_index_});
 }
 

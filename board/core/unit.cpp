@@ -17,6 +17,7 @@ namespace {
 
 constexpr int64_t kMostChips = 16;
 constexpr uint32_t kMostPathBytes = 4096;
+constexpr uint32_t kNodeMode = S_IFCHR | 0660;
 
 // The one file of the host's own that a process sees: its name is the process's, not the chip's.
 constexpr std::string_view kOwnNameFile = "/proc/self/comm";
@@ -41,6 +42,13 @@ void flip_bits(const std::vector<uint32_t> &bits, Buffer &data) {
 
 void put_u32(Buffer &out, uint32_t value) {
     for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+// What becomes of an operation on a path that is a device node.
+int64_t node_answer(PathOp operation) {
+    if (operation == PathOp::kStat) return kNodeMode;
+    if (operation == PathOp::kList) return -ENOTDIR;
+    return operation == PathOp::kMakeDir ? -EEXIST : -EPERM;
 }
 
 bool writes_data(Op op) { return op == Op::kWrite; }
@@ -307,45 +315,40 @@ void Unit::map_to_host(const Request &request, Reply &reply, const Target &targe
 }
 
 void Unit::do_path(const Request &request, Reply &reply, const Target &target) {
-    switch (static_cast<PathOp>(request.code)) {
+    const auto operation = static_cast<PathOp>(request.code);
+    switch (operation) {
         case PathOp::kUnmount:
         case PathOp::kRun:
         case PathOp::kReboot:
-            ask_machine(request, reply, target);
-            return;
-        case PathOp::kList:
-            if (target.node != nullptr) break;
-            map_to_host(request, reply, target);
-            list_nodes(reply, target);
-            return;
+            return ask_machine(request, reply, target);
         case PathOp::kStat:
-            if (target.node != nullptr) {
-                reply.value = S_IFCHR | 0660;
-                return;
-            }
-            map_to_host(request, reply, target);
-            return;
-        case PathOp::kRename: {
-            const std::string to(request.in.begin(), request.in.end());
-            std::string host;
-            if (target.node != nullptr || target.chip->find_node(normal_path(to)) != nullptr) break;
-            map_to_host(request, reply, target);
-            if (reply.value == 0) reply.value = target.chip->tree().resolve(to, false, host);
-            reply.out.assign(host.begin(), host.end());
-            return;
-        }
+        case PathOp::kList:
         case PathOp::kMakeDir:
         case PathOp::kRemove:
-            if (target.node != nullptr) break;
-            map_to_host(request, reply, target);
-            return;
+        case PathOp::kRename:
+            break;
         default:
             reply.value = -ENOSYS;
             return;
     }
-    // What a node is not for.
-    const auto operation = static_cast<PathOp>(request.code);
-    reply.value = operation == PathOp::kList ? -ENOTDIR : operation == PathOp::kMakeDir ? -EEXIST : -EPERM;
+    if (target.node != nullptr) {
+        reply.value = node_answer(operation);
+        return;
+    }
+    map_to_host(request, reply, target);
+    if (operation == PathOp::kList) list_nodes(reply, target);
+    if (operation == PathOp::kRename && reply.value == 0) map_new_name(request, reply, target);
+}
+
+void Unit::map_new_name(const Request &request, Reply &reply, const Target &target) {
+    const std::string to(request.in.begin(), request.in.end());
+    if (target.chip->find_node(normal_path(to)) != nullptr) {
+        reply.value = -EPERM;
+        return;
+    }
+    std::string host;
+    reply.value = target.chip->tree().resolve(to, false, host);
+    reply.out.assign(host.begin(), host.end());
 }
 
 void Unit::list_nodes(Reply &reply, const Target &target) const {
@@ -357,7 +360,7 @@ void Unit::list_nodes(Reply &reply, const Target &target) const {
         const std::string entry = path.substr(folder.size(), slash - folder.size());
         if (entry == last || entry.size() > UINT8_MAX) continue;
         last = entry;
-        put_u32(reply.out, slash == std::string::npos ? S_IFCHR | 0660 : S_IFDIR | 0755);
+        put_u32(reply.out, slash == std::string::npos ? kNodeMode : S_IFDIR | 0755);
         reply.out.push_back(static_cast<uint8_t>(entry.size()));
         reply.out.insert(reply.out.end(), entry.begin(), entry.end());
     }

@@ -36,7 +36,7 @@ public:
     void add_fault(std::string_view text) { faults_.push_back(parse_fault(text)); }
     void clear_faults() { faults_.clear(); }
     void trace_to(std::FILE *file) { trace_ = file; }
-    Answer poke(uint32_t chip, std::string_view node, const std::vector<std::string> &words);
+    Answer poke(uint32_t number, std::string_view node, const std::vector<std::string> &words);
     std::vector<std::string> take_misuses();
     std::vector<std::string> take_events();
     bool has_power() const { return !powerless_; }
@@ -88,6 +88,7 @@ private:
     void open_path(const Request &request, Reply &reply, const Target &target);
     void do_path(const Request &request, Reply &reply, const Target &target);
     void map_to_host(const Request &request, Reply &reply, const Target &target);
+    void map_new_name(const Request &request, Reply &reply, const Target &target);
     void list_nodes(Reply &reply, const Target &target) const;
     void ask_machine(const Request &request, Reply &reply, const Target &target);
     void close_handle(uint32_t handle);

@@ -112,6 +112,11 @@ TEST(BoardTree, ListsNodesBesideFiles) {
     EXPECT_EQ(os.list("/dev", visit, &seen), 0);
     EXPECT_EQ(seen, (std::vector<std::string>{"c gpio", "c qecMisc", "d sub", "- real"}));
     EXPECT_EQ(os.list("/dev/gpio", visit, &seen), -ENOTDIR);
+    qel_os_file_info info{};
+    EXPECT_EQ(os.stat("/dev/sub", &info), 0);
+    EXPECT_TRUE(S_ISDIR(info.mode));
+    EXPECT_EQ(os.stat("/dev/sub/probe", &info), 0);
+    EXPECT_TRUE(S_ISCHR(info.mode));
     EXPECT_EQ(os.list("/nowhere", visit, &seen), -ENOENT);
     const auto stop = [](void *context, const char *, const qel_os_file_info *) {
         return ++*static_cast<int *>(context);
