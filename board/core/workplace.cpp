@@ -5,8 +5,10 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,20 +21,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string make_run_dir() {
-    std::string path = (fs::temp_directory_path() / "qelboard-XXXXXX").string();
-    if (mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), path);
-    return path;
-}
-
-int lock_dir(const std::string &dir) {
-    const std::string path = dir + "/lock";
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
-    if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
-    ::close(fd);
-    throw std::runtime_error(dir + ": another board runs in this directory");
-}
+constexpr const char *kPrefix = "qelboard-";
+// Locked as long as a process of the board's owner lives, forked children included.
+constexpr const char *kAliveFile = "/alive";
+// A folder without that file may be one that is just being made.
+constexpr auto kLongestMaking = std::chrono::hours(1);
 
 // "sem ID" and "shm ID", one per line, written by the processes that made them.
 void remove_sysv_objects(const std::string &run_dir) {
@@ -44,16 +37,76 @@ void remove_sysv_objects(const std::string &run_dir) {
     }
 }
 
+void remove_run_dir(const std::string &run_dir) {
+    remove_sysv_objects(run_dir);
+    std::error_code ignored;
+    fs::remove_all(run_dir, ignored);
+}
+
+bool is_abandoned(const fs::path &run_dir) {
+    struct stat found {};
+    if (::lstat(run_dir.c_str(), &found) != 0 || !S_ISDIR(found.st_mode) || found.st_uid != ::geteuid())
+        return false;
+    const int fd = ::open((run_dir.string() + kAliveFile).c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno != ENOENT) return false;
+        std::error_code gone;
+        const auto made = fs::last_write_time(run_dir, gone);
+        return !gone && fs::file_time_type::clock::now() - made > kLongestMaking;
+    }
+    const bool abandoned = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+    ::close(fd);
+    return abandoned;
+}
+
+// Boards whose process was killed, by a power cut for example, could not clean up themselves.
+void remove_abandoned() {
+    std::error_code unreadable;
+    fs::directory_iterator entry(fs::temp_directory_path(), unreadable);
+    for (; !unreadable && entry != fs::directory_iterator(); entry.increment(unreadable)) {
+        const fs::path path = entry->path();
+        if (path.filename().string().rfind(kPrefix, 0) == 0 && is_abandoned(path))
+            remove_run_dir(path.string());
+    }
+}
+
+std::string make_run_dir() {
+    std::string path = (fs::temp_directory_path() / kPrefix).string() + "XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) throw std::system_error(errno, std::generic_category(), path);
+    return path;
+}
+
+// Appears under its name only once it is locked.
+int lock_alive_file(const std::string &run_dir) {
+    const std::string path = run_dir + kAliveFile;
+    const std::string next = path + ".new";
+    const int fd = ::open(next.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0 || ::flock(fd, LOCK_EX) != 0 || ::rename(next.c_str(), path.c_str()) != 0)
+        throw std::system_error(errno, std::generic_category(), path);
+    return fd;
+}
+
+int lock_dir(const std::string &dir) {
+    const std::string path = dir + "/lock";
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
+    if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
+    ::close(fd);
+    throw std::runtime_error(dir + ": another board runs in this directory");
+}
+
 }  // namespace
 
 Workplace::Workplace(const std::string &dir) : owner_(::getpid()), run_dir_(make_run_dir()) {
     try {
+        alive_fd_ = lock_alive_file(run_dir_);
+        remove_abandoned();
         content_dir_ = dir.empty() ? run_dir_ + "/content" : fs::absolute(dir).lexically_normal().string();
         fs::create_directories(content_dir_);
         if (!dir.empty()) lock_fd_ = lock_dir(content_dir_);
     } catch (...) {
-        std::error_code ignored;
-        fs::remove_all(run_dir_, ignored);
+        remove_run_dir(run_dir_);
+        if (alive_fd_ >= 0) ::close(alive_fd_);
         throw;
     }
 }
@@ -62,10 +115,8 @@ bool Workplace::keeps_content() const { return lock_fd_ >= 0 && ::getpid() == ow
 
 Workplace::~Workplace() {
     if (lock_fd_ >= 0) ::close(lock_fd_);
-    if (::getpid() != owner_) return;
-    remove_sysv_objects(run_dir_);
-    std::error_code ignored;
-    fs::remove_all(run_dir_, ignored);
+    if (::getpid() == owner_) remove_run_dir(run_dir_);
+    ::close(alive_fd_);
 }
 
 }  // namespace qel::board

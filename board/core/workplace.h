@@ -9,7 +9,8 @@ namespace qel::board {
 class Workplace {
 public:
     // `dir`: keep the board's content there (made when missing, one board at a time); empty: in a
-    // temporary folder. Throws std::runtime_error.
+    // temporary folder. Removes what boards left whose processes were killed. Throws
+    // std::runtime_error.
     explicit Workplace(const std::string &dir);
     // Removes what is temporary, and the System V objects of the board's processes. Does nothing in a
     // forked child.
@@ -27,6 +28,7 @@ private:
     pid_t owner_;
     std::string run_dir_;
     std::string content_dir_;
+    int alive_fd_ = -1;
     int lock_fd_ = -1;
 };
 

@@ -1,8 +1,10 @@
 // A process on a board: what the gate's operations do there, and what a board keeps and tells.
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/sem.h>
 #include <unistd.h>
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -248,6 +250,36 @@ TEST(Board, KeepsDevicesAndFilesInItsDirectory) {
     EXPECT_EQ(ops().stat("/mnt/pd/new", &info), 0);
     EXPECT_EQ(ops().stat("/tmp/new", &info), -ENOENT) << "memory is empty after a start";
     EXPECT_EQ(ops().stat("/tmp/b", &info), 0);
+}
+
+TEST(Board, CleansUpBehindBoardsThatWereKilled) {
+    const TemporaryDir temporary;
+    const auto count = [&] {
+        return std::distance(std::filesystem::directory_iterator(temporary.path()), {});
+    };
+    setenv("TMPDIR", temporary.path().c_str(), 1);
+    int semaphore = -1;
+    {
+        const Board living("name = \"living\"\n[[chip]]\n");
+        EXPECT_EQ(run_in_child([] {
+                      const Board killed("name = \"killed\"\n[[chip]]\n");
+                      const int made = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
+                      std::ofstream(killed.welcome(0).run_dir + "/sysv") << "sem " << made << "\n";
+                      std::ofstream(std::string(getenv("TMPDIR")) + "/made") << made;
+                      raise(SIGKILL);
+                      return 0;
+                  }),
+                  128 + SIGKILL);
+        std::ifstream(temporary.path() + "/made") >> semaphore;
+        EXPECT_EQ(semctl(semaphore, 0, GETVAL), 0);
+        EXPECT_EQ(count(), 3) << "the living one's, the killed one's, and the note";
+        const Board next("name = \"next\"\n[[chip]]\n");
+        EXPECT_EQ(count(), 3) << "the living one's, the next one's, and the note";
+        EXPECT_TRUE(std::filesystem::exists(living.welcome(0).root_dir));
+        EXPECT_EQ(semctl(semaphore, 0, GETVAL), -1);
+    }
+    EXPECT_EQ(count(), 1);
+    unsetenv("TMPDIR");
 }
 
 TEST(Board, RefusesAStateThatIsNotItsOwn) {
