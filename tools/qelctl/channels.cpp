@@ -12,7 +12,7 @@ namespace qelctl {
 
 namespace {
 
-void run(Session &session, bool json) {
+void show_channels(Session &session, bool json) {
     const Library &library = session.library();
     const ChannelMap map = read_channel_map(library);
     if (json) {
@@ -38,7 +38,7 @@ void add_channels(CLI::App &app, Session &session) {
         "Examples:\n"
         "  qelctl channels --as systools\n"
         "  qelctl channels --json --as systools");
-    verb->callback([&session, json] { run(session, *json); });
+    verb->callback([&session, json] { show_channels(session, *json); });
 }
 
 }  // namespace qelctl

@@ -15,15 +15,15 @@ std::atomic<const char *> activity_now{"starting"};
 std::atomic<const char *> hint_now{""};
 
 // Only calls that are allowed in a signal handler.
-void print(const char *text) {
+void write_raw(const char *text) {
     if (write(STDERR_FILENO, text, strlen(text)) < 0) return;  // nobody reads it: nothing left to do
 }
 
 void time_is_over(int) {
-    print("qelctl: no answer in time while ");
-    print(activity_now.load());
-    print(".\n");
-    print(hint_now.load());
+    write_raw("qelctl: no answer in time while ");
+    write_raw(activity_now.load());
+    write_raw(".\n");
+    write_raw(hint_now.load());
     _exit(static_cast<int>(ExitCode::kNoAnswer));
 }
 

@@ -81,7 +81,7 @@ std::string to_text(const Info &info, bool colour) {
     return text;
 }
 
-void run(Session &session, bool json) {
+void show_info(Session &session, bool json) {
     const Library &library = session.library();
     const Info info{process_name(), identity(library), read_unit(library)};
     if (json) {
@@ -105,7 +105,7 @@ void add_info(CLI::App &app, Session &session) {
         "  qelctl info\n"
         "  qelctl --as systools info\n"
         "  qelctl info --json");
-    verb->callback([&session, json] { run(session, *json); });
+    verb->callback([&session, json] { show_info(session, *json); });
 }
 
 }  // namespace qelctl

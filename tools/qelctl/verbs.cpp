@@ -16,7 +16,7 @@ constexpr AddVerb kVerbs[] = {
 constexpr size_t kLongestName = 15;  // the kernel's limit for a command name
 constexpr unsigned kLongestTimeout_s = 24 * 60 * 60;
 
-std::string check_name(const std::string &name) {
+std::string name_problem(const std::string &name) {
     if (name.empty() || name.size() > kLongestName) return "a process name has 1 to 15 characters";
     for (const char c : name) {
         if (c <= ' ' || c > '~') return "a process name is plain text without blanks";
@@ -57,7 +57,7 @@ void build_command_line(CLI::App &app, Session &session) {
                    "Take this process name before the library loads, to see what it shows only to\n"
                    "vesta, VideoDaemon and systools. Choose one that is not running on this chip")
         ->type_name("NAME")
-        ->check(CLI::Validator(check_name, ""));
+        ->check(CLI::Validator(name_problem, ""));
     app.add_option("--library", session.options.library, "Load this file instead of the installed library")
         ->type_name("FILE");
     app.add_option("--timeout", session.options.timeout_s,
