@@ -57,7 +57,7 @@ struct Address {
 
 // Room for a few packets, whatever the machine's default is.
 void widen(int socket) {
-    const int bytes = 4 * kPacketBytes;
+    const int bytes = static_cast<int>(4 * kPacketBytes);
     setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
 }
 

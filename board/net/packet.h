@@ -16,7 +16,7 @@
 
 namespace qel::board {
 
-constexpr size_t kPacketBytes = 64 * 1024;
+constexpr size_t kPacketBytes = size_t{64} * 1024;
 constexpr size_t kMostDescriptors = 3;
 
 class UniqueFd {

@@ -69,8 +69,8 @@ public:
             case kWait:
                 if (woken_) return Answer::ok(handle.nonblocking ? 2 : 1);
                 if (handle.expired) return Answer::fail(ETIMEDOUT);
-                return Answer::ask_again(in[0] == 0 && in[1] == 0 ? -1
-                                                                  : handle.started_ms + in[0] + 256 * in[1]);
+                return Answer::ask_again(
+                    in[0] == 0 && in[1] == 0 ? -1 : handle.started_ms + in[0] + int64_t{256} * in[1]);
             case kAccuse:
                 chip().report_misuse(*this, "second write without erase");
                 return Answer::ok();

@@ -21,6 +21,8 @@ namespace {
 
 using Words = std::vector<std::string>;
 
+const std::string kQelctl = QEL_BIN_DIR "/qelctl";
+
 std::string read_text(const fs::path &path) {
     std::ifstream file(path);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -192,8 +194,7 @@ TEST_F(RunTest, WritesTracesAndBoardFiles) {
     EXPECT_EQ(run({"new", file}), 0) << err();
     EXPECT_EQ(run({"new", file}), 1);  // would write over it
     EXPECT_EQ(run({"show", file, "--json"}), 0) << err();
-    EXPECT_EQ(run({"run", file, "--as", "vesta", "--trace", trace, "--", QEL_BIN_DIR "/qelctl", "info"}), 0)
-        << err();
+    EXPECT_EQ(run({"run", file, "--as", "vesta", "--trace", trace, "--", kQelctl, "info"}), 0) << err();
     EXPECT_EQ(run({"trace", "read", trace}), 0) << err();
     EXPECT_NE(out().find("vesta"), std::string::npos) << out();
     EXPECT_NE(out().find("/dev/qecHwid"), std::string::npos) << out();

@@ -85,7 +85,7 @@ public:
         std::istringstream lines(command({"show"}));
         for (std::string line; std::getline(lines, line);) {
             if (line.find("a test's device") != std::string::npos)
-                return atoi(line.substr(line.rfind(' ')).c_str());
+                return std::stoi(line.substr(line.rfind(' ')));
         }
         return -1;
     }
