@@ -30,8 +30,9 @@ bool make_block(int fd) {
     std::unique_ptr<Block> made(new (std::nothrow) Block{});
     if (made == nullptr) return false;
     Block *none = nullptr;
-    if (g_blocks[static_cast<size_t>(fd / kBlockSize)].compare_exchange_strong(none, made.get()))
-        made.release();
+    if (!g_blocks[static_cast<size_t>(fd / kBlockSize)].compare_exchange_strong(none, made.get()))
+        return true;  // another thread made it
+    [[maybe_unused]] const Block *kept = made.release();
     return true;
 }
 
