@@ -135,15 +135,17 @@ constexpr const char *kMutex = "mutex locked and unlocked";
 constexpr const char *kFiltered = "log call that is filtered out";
 constexpr const char *kFormatted = "its line formatted";
 
+constexpr int kLoads = 200;
+
 void register_all() {
     const auto add = [](const char *name, auto function, auto... arguments) {
         return benchmark::RegisterBenchmark(name, function, arguments...)
             ->Repetitions(7)
             ->ReportAggregatesOnly(true);
     };
-    add(kLoad, load, kLibrary);
-    add(kLoadRequests, load_requests)->UseManualTime();
-    add(kLoadEmpty, load, kEmpty);
+    add(kLoad, load, kLibrary)->Iterations(kLoads);
+    add(kLoadRequests, load_requests)->UseManualTime()->Iterations(kLoads);
+    add(kLoadEmpty, load, kEmpty)->Iterations(kLoads);
     add(kProperty, look_up_property);
     add(kChannel, look_up_channel);
     add(kMutex, mutex_pair);
