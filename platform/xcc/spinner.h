@@ -1,8 +1,9 @@
 // spinner.h - looks for a short answer before the thread goes to sleep for it.
 //
 // Waking a thread on another core costs more than most answers take. Where the caller may run on several
-// cores it looks for a while, about as long as the last answers took; where looking did not pay it stops
-// doing so, and tries again now and then. With one core it never looks: the peer needs that core.
+// cores it looks for a while, about twice as long as answers usually take. Unless most answers come in
+// that time it stops looking, and tries again now and then. With one core it never looks: the peer needs
+// that core.
 #pragma once
 
 #include <sched.h>
@@ -16,33 +17,39 @@ namespace qel::xcc {
 
 class Spinner {
 public:
-    // True when `done()` came true meanwhile. Threads may spin at once; the estimate is theirs together.
+    // True when `done()` came true meanwhile. Threads may spin at once; what they learn is theirs together.
     template <typename Done>
     bool spin(Done done) {
         if (done()) return true;
-        const int64_t budget_ns = next_budget_ns();
-        if (budget_ns == 0) return false;
+        if (calls_.fetch_add(1, kRelaxed) % kCallsPerTrial == 0) start_trial();
+        const int credit = credit_.load(kRelaxed);
+        if (credit <= 0) return false;
+        const int64_t usual_ns = usual_ns_.load(kRelaxed);
         const int64_t start_ns = platform::monotonic_ns();
-        for (;;) {
+        const int64_t end_ns = start_ns + std::min(kMaxNs, 2 * usual_ns + kMinNs);
+        for (int64_t now_ns = start_ns; now_ns < end_ns; now_ns = platform::monotonic_ns()) {
             for (int i = 0; i < kLooksPerClock; ++i) {
                 if (done()) {
-                    const int64_t took_ns = platform::monotonic_ns() - start_ns;
-                    budget_ns_.store(std::min(kMaxNs, (budget_ns + 2 * took_ns + kMinNs) / 2), kRelaxed);
+                    usual_ns_.store((7 * usual_ns + now_ns - start_ns) / 8, kRelaxed);
+                    credit_.store(std::min(credit + 1, kMaxCredit), kRelaxed);
                     return true;
                 }
                 pause();
             }
-            if (platform::monotonic_ns() - start_ns >= budget_ns) break;
         }
-        budget_ns_.store(budget_ns / 4, kRelaxed);
+        credit_.store(credit - kMissCost, kRelaxed);
         return false;
     }
 
 private:
     static constexpr auto kRelaxed = std::memory_order_relaxed;
     static constexpr int64_t kMaxNs = 100'000;
-    static constexpr int64_t kMinNs = 2'000;  // less is not worth the look
+    static constexpr int64_t kMinNs = 5'000;
     static constexpr int kLooksPerClock = 32;
+    static constexpr int64_t kTrialNs = 20'000;
+    static constexpr int kMissCost = 4;  // answers in time that make up for one that was late
+    static constexpr int kTrialCredit = 2 * kMissCost;
+    static constexpr int kMaxCredit = 4 * kMissCost;
     static constexpr uint32_t kCallsPerTrial = 256;
 
     static void pause() {
@@ -58,16 +65,18 @@ private:
         return sched_getaffinity(0, sizeof cores, &cores) == 0 && CPU_COUNT(&cores) > 1;
     }
 
-    int64_t next_budget_ns() {
-        if (calls_.fetch_add(1, kRelaxed) % kCallsPerTrial == 0) {
-            budget_ns_.store(has_several_cores() ? kMaxNs : 0, kRelaxed);
+    void start_trial() {
+        if (!has_several_cores()) {
+            credit_.store(0, kRelaxed);
+        } else if (credit_.load(kRelaxed) <= 0) {
+            usual_ns_.store(kTrialNs, kRelaxed);
+            credit_.store(kTrialCredit, kRelaxed);
         }
-        const int64_t budget_ns = budget_ns_.load(kRelaxed);
-        return budget_ns >= kMinNs ? budget_ns : 0;
     }
 
     std::atomic<uint32_t> calls_{0};
-    std::atomic<int64_t> budget_ns_{0};
+    std::atomic<int> credit_{0};
+    std::atomic<int64_t> usual_ns_{0};
 };
 
 }  // namespace qel::xcc
