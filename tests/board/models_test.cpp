@@ -120,7 +120,7 @@ TEST(ChannelMapModel, MayClaimMoreOrFewerChannelsThanItHas) {
         EXPECT_EQ(ops().ioctl(fd, kGetTotal, &total), 0);
         EXPECT_EQ(total, claimed);
         EXPECT_EQ(ops().ioctl(fd, kGetTable, table.data()), 0);
-        EXPECT_EQ(table[std::min(claimed, 2U) * 16], 0xAA) << "no more than it has";
+        EXPECT_EQ(table[size_t{16} * std::min(claimed, 2U)], 0xAA) << "no more than it has";
     }
 }
 

@@ -109,7 +109,8 @@ TEST_F(Probe, PropertiesAreThoseOfTheChipOrChannelAskedFor) {
     // Of a channel, board type and category come from the map, which keeps 8 bits of them.
     json expected = properties_of_probe(1);
     for (json &entry : expected) {
-        if (entry["id"] == 5 || entry["id"] == 19) entry["value"] = entry["value"].get<int>() & 0xFF;
+        const int id = entry["id"];
+        if (id == 5 || id == 19) entry["value"] = entry["value"].get<int>() & 0xFF;
     }
     const json of_channel = printed(on_board("qelctl properties --chn 5 --json"), "properties_of_channel");
     EXPECT_EQ(of_channel, (json{{"logical", 5}, {"properties", expected}}));

@@ -55,7 +55,7 @@ std::string describe_extended_id(const Unit &unit) {
 }
 
 std::string describe_process(const Info &info) {
-    const std::string name = printable(info.process);
+    std::string name = printable(info.process);
     if (info.identity.empty() || info.identity == info.process) return name;
     return name + ", taken for " + info.identity;
 }
