@@ -30,7 +30,7 @@ constexpr uint32_t kMagic = 0x4C455142;
 constexpr uint32_t kVersion = 1;
 constexpr size_t kInlineBytes = size_t{48} * 1024;
 constexpr size_t kPayloadBytes = size_t{64} * 1024 * 1024;  // the largest payload of all
-constexpr size_t kTextBytes = 4096;                 // the largest path, name or word
+constexpr size_t kTextBytes = 4096;                         // the largest path, name or word
 constexpr uint32_t kNobody = 0xFFFFFFFF;
 
 enum class Kind : uint32_t {
