@@ -1,6 +1,7 @@
 // gate.cpp - chooses the world behind the gate once, restarts what a signal interrupted, and turns
 // the world's time into the machine's.
 #include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -175,6 +176,8 @@ ssize_t read_file(const char *path, void *buffer, size_t bytes) {
     const Fd fd(opened);
     return read_full(fd.get(), buffer, bytes);
 }
+
+int process_id() { return static_cast<int>(getpid()); }
 
 void print_out(const char *format, ...) {
     va_list arguments;

@@ -76,7 +76,7 @@ struct qel_world {
     uint32_t abi;        /* QEL_WORLD_ABI */
     uint32_t time_scale; /* 1 or more: every sleep and time-out is divided by it */
     uint32_t ipc_salt;   /* xor-ed into every System V key; never 0 */
-    uint32_t reserved;
+    uint32_t chip;       /* the chip of its unit on which this process runs, 0 = master */
     const char *run_dir; /* existing directory for the sockets of BND and XCC and for the list "sysv" */
     /* The host's path that stands for `path` of this world. Returns 0 or -errno (-ENAMETOOLONG). */
     int (*map_path)(const char *path, char *out, size_t out_bytes);

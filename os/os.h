@@ -82,6 +82,9 @@ private:
     int fd_ = -1;
 };
 
+// Of this process; a fork()ed child's differs from what its parent noted.
+int process_id();
+
 // Plain text to the process's standard output and error streams.
 void print_out(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void print_err(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -6,11 +6,14 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <vector>
 
 #include "board/net/wire.h"
@@ -293,6 +296,18 @@ std::unique_ptr<Link> connect_to_server(const std::string &socket_path, uint32_t
     auto link = std::make_unique<SocketLink>(socket_path, chip);
     if (!link->start(error)) return nullptr;
     return link;
+}
+
+std::unique_ptr<Link> connect_to_server(const char *socket_path, std::string &error) {
+    const char *text = getenv("QELBOARD_CHIP");
+    const std::string_view digits = text != nullptr && *text != 0 ? text : "0";
+    uint32_t chip = 0;
+    const auto [end, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), chip);
+    if (problem != std::errc{} || end != digits.data() + digits.size()) {
+        error = "QELBOARD_CHIP is no chip number: " + std::string(digits);
+        return nullptr;
+    }
+    return connect_to_server(std::string(socket_path), chip, error);
 }
 
 std::unique_ptr<ControlLink> ControlLink::connect(const std::string &socket_path, std::string &error) {

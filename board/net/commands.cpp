@@ -121,7 +121,9 @@ bool Commands::show(const Words &words, std::string &text) {
 }
 
 bool Commands::info(const Words &, std::string &text) {
-    text = lines({board_.name(), std::to_string(board_.chip_count()), board_.welcome(0).run_dir});
+    const Welcome welcome = board_.welcome(0);
+    text = lines({board_.name(), std::to_string(board_.chip_count()), std::to_string(welcome.time_scale),
+                  welcome.run_dir});
     return true;
 }
 

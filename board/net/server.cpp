@@ -68,6 +68,8 @@ struct Server::Impl {
     void run();
     void stop();
 
+    using Words = std::vector<std::string>;
+
     Board &board_;
     Commands commands_;
     const std::string path_;
@@ -104,6 +106,7 @@ private:
     void turn_one_away();
     Connection &add_connection(UniqueFd socket, State state);
     void drop(Connection &connection);
+    void release(Connection &connection);
     void leave_client(uint32_t client);
 
     void serve(Connection &connection);
@@ -298,11 +301,15 @@ void Server::Impl::drop(Connection &connection) {
         int64_t deadline_ms = -1;
         board_.execute(close, ignored, deadline_ms);
     }
-    if (connection.holds && --holders_ == 0 && until_unused_) stopping_ = true;
+    release(connection);
     const bool counts = connection.state == State::kDevice || connection.state == State::kRequests;
     const uint32_t client = connection.client;
     connections_.erase(connection.number);
     if (counts) leave_client(client);
+}
+
+void Server::Impl::release(Connection &connection) {
+    if (std::exchange(connection.holds, false) && --holders_ == 0 && until_unused_) stopping_ = true;
 }
 
 void Server::Impl::leave_client(uint32_t client) {
@@ -400,16 +407,19 @@ bool Server::Impl::greet(Connection &connection, wire::Reader &reader) {
 }
 
 bool Server::Impl::control(Connection &connection, wire::Reader &reader) {
-    std::vector<std::string> words;
+    Words words;
     if (!wire::get_control(reader, words)) {
         accuse(connection, "not understood");
         return false;
     }
     bool ok = true;
     std::string text;
-    if (words == std::vector<std::string>{"hold"}) {
+    if (words == Words{"hold"}) {
         if (!std::exchange(connection.holds, true)) ++holders_;
-    } else if (words == std::vector<std::string>{"stop"}) {
+    } else if (words == Words{"release"}) {
+        release(connection);
+        text = std::to_string(holders_);
+    } else if (words == Words{"stop"}) {
         stopping_ = true;
     } else {
         ok = commands_.run(words, text);

@@ -21,12 +21,13 @@ namespace qel::board {
 //     trace PATH | trace       appends every request to a file of the server's; no path: stops
 //     poke CHIP NODE WORDS...  what the device understands
 //     show [json]
-//     info                     name, chips and the folder of the sockets, one per line
+//     info                     name, chips, time scale and the folder of the sockets, one per line
 //     events                   what the software asked of the machine since the last question
 //     misuses                  what it did wrong to its devices since the last question
 //     power-on                 after a power cut
 //     save                     device contents to the board's folder
 //     hold                     the server stays while this connection does (see stop_when_unused)
+//     release                  undoes hold; answers how many others hold it
 //     stop
 class Server {
 public:

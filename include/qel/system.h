@@ -6,6 +6,7 @@
 #define QEL_SYSTEM_H
 
 #include "qel/frame.h"
+#include "qel/gpio_driver.h"
 
 QEL_BEGIN_DECLS
 
@@ -44,16 +45,12 @@ QEL_API int createWatchdog(Watchdog **out);
 
 /* ---- general-purpose lines ---- */
 
-#define QEL_GPIO_INPUT 0
-#define QEL_GPIO_OUTPUT 1
-#define QEL_GPIO_EDGE_NONE 0
-#define QEL_GPIO_EDGE_RISING 1
-#define QEL_GPIO_EDGE_FALLING 2
-#define QEL_GPIO_EDGE_BOTH 3
-
+/* Directions and edges (QEL_GPIO_IN, _OUT, QEL_GPIO_EDGE_...) are the driver's. */
 typedef struct {
     uint32_t line;
     uint32_t edge;         /* QEL_GPIO_EDGE_RISING or _FALLING: what happened */
+    uint32_t lost;         /* older edges of this line that the driver had to drop */
+    uint32_t reserved;     /* 0 */
     uint64_t timestamp_us; /* of the driver's monotonic clock */
 } GpioEvent;
 
@@ -68,7 +65,7 @@ struct GPIO {
     void *priv;
     int (*addRef)(GPIO *thiz);
     int (*release)(GPIO *thiz);
-    int (*set_direction)(GPIO *thiz, unsigned line, int direction);  /* QEL_GPIO_INPUT, _OUTPUT */
+    int (*set_direction)(GPIO *thiz, unsigned line, int direction);  /* QEL_GPIO_IN or _OUT */
     int (*get_direction)(GPIO *thiz, unsigned line, int *direction); /* fills *direction */
     int (*write)(GPIO *thiz, unsigned line, int level);              /* 0 or 1; outputs only */
     int (*read)(GPIO *thiz, unsigned line, int *level);              /* fills *level: 0 or 1 */

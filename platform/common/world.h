@@ -30,6 +30,12 @@ inline int64_t time_scale() {
     return w != nullptr && w->time_scale > 1 ? w->time_scale : 1;
 }
 
+// Which chip of its unit the process runs on.
+inline unsigned world_chip() {
+    const qel_world *w = world();
+    return w != nullptr ? w->chip : 0;
+}
+
 // A System V key as the kernel sees it, so that two worlds on one machine never share an object.
 inline int world_key(int key) {
     const qel_world *w = world();

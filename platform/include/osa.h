@@ -95,8 +95,9 @@ int OSA_thrGetTid(void); /* the kernel's thread id */
  */
 typedef struct OSA_Task *OSA_TskHandle;
 typedef int (*OSA_TskEntry)(OSA_TskHandle self, void *firstMsg, void *arg);
-#define OSA_TSK_CMD_EXIT 0xFFFFFFFFu /* return from the entry: the task is being deleted, its box is empty \
-                                      */
+#define OSA_TSK_CMD_EXIT                                                              \
+    0xFFFFFFFFu /* return from the entry: the task is being deleted, its box is empty \
+                 */
 int OSA_tskCreate(OSA_TskHandle *handle, OSA_TskEntry entry, int priority, unsigned stack, void *arg,
                   const char *name);
 int OSA_tskSendMsg(OSA_TskHandle to, unsigned cmd, void *prm, unsigned flags);

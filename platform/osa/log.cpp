@@ -142,7 +142,11 @@ void deliver(int level, int attribute, const char *text, size_t bytes) {
     if (level <= chosen_level.load(std::memory_order_relaxed)) show(level, attribute, text, bytes);
 }
 
-int format_and_deliver(int level, int attribute, const char *format, va_list arguments) {
+// Apart from the entry, which stays as small as a filtered-out call deserves.
+[[gnu::noinline, gnu::cold]] int format_and_deliver(int level, int attribute, const char *format,
+                                                    va_list arguments) {
+    if (format == nullptr) return OSA_EFAIL;
+    const int saved_errno = errno;  // callers report it after they have logged
     char text[kStackLineBytes];
     va_list again;
     va_copy(again, arguments);
@@ -157,6 +161,7 @@ int format_and_deliver(int level, int attribute, const char *format, va_list arg
     const char *const whole = longer != nullptr ? longer : text;
     deliver(level, attribute, whole, strlen(whole));
     free(longer);
+    errno = saved_errno;
     return 0;
 }
 
@@ -173,13 +178,10 @@ extern "C" {
 
 int OSA_logWrite(int level, int attribute, const char *format, ...) {
     if (level > qel::osa::shown_up_to.load(std::memory_order_relaxed)) return 0;
-    if (format == nullptr) return OSA_EFAIL;
-    const int saved_errno = errno;  // callers report it after they have logged
     va_list arguments;
     va_start(arguments, format);
     const int status = qel::osa::format_and_deliver(level, attribute, format, arguments);
     va_end(arguments);
-    errno = saved_errno;
     return status;
 }
 

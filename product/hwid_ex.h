@@ -1,0 +1,20 @@
+// hwid_ex.h - the extended hardware id as the boot environment writes it: "1:0:3".
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "qel/product.h"
+
+namespace qel::product {
+
+struct HwidEx {
+    std::array<uint8_t, QEL_HWID_EX_BYTES> bytes{};
+    bool has_more = false;  // numbers that found no place
+};
+
+// Hexadecimal numbers with colons between them; of each the low 8 bits. What is no number counts as 0
+// and keeps its place.
+HwidEx parse_hwid_ex(const char *text);
+
+}  // namespace qel::product

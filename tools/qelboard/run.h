@@ -1,0 +1,30 @@
+// run.h - `qelboard run`: a command on a board, with everything around it started and stopped again.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/qelboard/home.h"
+#include "tools/qelboard/launch.h"
+
+namespace qel::tool {
+
+// What the program itself could not do, as env and timeout say it; 126 and 127 as a shell does.
+constexpr int kRunFailed = 125;
+constexpr int kNotExecutable = 126;
+constexpr int kNotFound = 127;
+
+struct RunOptions {
+    BoardChoice choice;
+    Place place;  // without the socket
+    bool residents = true;
+    std::vector<std::string> command;
+};
+
+// The exit status of the command, 128 + n after signal n, or one of the above (also by Failure).
+int run_on_board(const RunOptions &options);
+
+// The software of another chip: loads the library and keeps it until standard input ends.
+int be_resident();
+
+}  // namespace qel::tool
