@@ -36,6 +36,16 @@ struct MtdErase {
 };
 static_assert(sizeof(MtdErase) == 8);
 
+// ---- start and end of the module ----
+
+int load_table();  // asks the partition driver, unless the table stands already
+void free_table();
+void set_info(const FlashInfo &info);
+bool can_boot_loader_switch();
+int set_up_lock();   // between processes; 0 also where it goes on without one
+int start_blocks();  // the mutex of the good-block tables; drops tables of an earlier start
+void stop_blocks();
+
 // ---- what the flash is ----
 
 FlashInfo info();  // all zero where the flash did not start
@@ -57,6 +67,8 @@ inline bool has_backup(const FlashPartition &entry) {
     return static_cast<uint32_t>(entry.backupOffset) != UINT32_MAX;
 }
 
+constexpr size_t kDevicePathBytes = 32;
+void device_path(const FlashInfo &info, int index, char (&out)[kDevicePathBytes]);
 // A descriptor of the caller's own, or -errno.
 int open_partition(int index);
 // The process's shared descriptor of a partition, opened on first use and closed by
@@ -72,11 +84,12 @@ void release_partitions();
 int create_good_blocks(int fd, int index);
 // Asks the driver again, after a block was marked bad.
 int rebuild_good_blocks(int fd, int index);
-// As Flash_LookupTab; `function` is the name in the log.
+// As Flash_LookupTab.
 int look_up(uint64_t offset, uint64_t *out, int index);
 // How many good blocks the table holds, 0 without one.
 uint32_t good_block_count(int index);
 void set_current_partition(int index);
+int current_partition();  // -1: none yet
 
 // ---- the lock between processes ----
 
@@ -106,7 +119,9 @@ static_assert(sizeof(BackupSigns) == 12);
 
 constexpr const char *kFlagPartition = "updateflag";
 BackupSigns backup_signs();
-bool has_flag_partition();
+void set_backup_signs(const BackupSigns &signs);
+bool has_flag_partition();  // and it can be opened
+void set_flag_partition(bool there);
 constexpr uint32_t kNoSwitchTarget = UINT32_MAX;
 uint32_t switch_target();
 void set_switch_target(uint32_t address);
