@@ -1,7 +1,5 @@
+// hwid_ex.cpp - the extended hardware id of the board. Filled while the library loads.
 #include "product/hwid_ex.h"
-
-#include <cstdlib>
-#include <cstring>
 
 #include "frame/log.h"
 #include "product/environment.h"
@@ -21,21 +19,6 @@ struct State {
 constinit State state;
 
 }  // namespace
-
-HwidEx parse_hwid_ex(const char *text) {
-    HwidEx id;
-    for (size_t at = 0; *text != '\0'; ++at) {
-        if (at == id.bytes.size()) {
-            id.has_more = true;
-            break;
-        }
-        const size_t length = strcspn(text, ":");
-        id.bytes[at] = static_cast<uint8_t>(strtoul(text, nullptr, 16));
-        text += length;
-        if (*text == ':') ++text;
-    }
-    return id;
-}
 
 }  // namespace qel::product
 

@@ -3,6 +3,8 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 #include "qel/product.h"
 
@@ -15,6 +17,18 @@ struct HwidEx {
 
 // Hexadecimal numbers with colons between them; of each the low 8 bits. What is no number counts as 0
 // and keeps its place.
-HwidEx parse_hwid_ex(const char *text);
+inline HwidEx parse_hwid_ex(const char *text) {
+    HwidEx id;
+    for (size_t at = 0; *text != '\0'; ++at) {
+        if (at == id.bytes.size()) {
+            id.has_more = true;
+            break;
+        }
+        id.bytes[at] = static_cast<uint8_t>(strtoul(text, nullptr, 16));
+        text += strcspn(text, ":");
+        if (*text == ':') ++text;
+    }
+    return id;
+}
 
 }  // namespace qel::product

@@ -78,8 +78,9 @@ public:
     void save();      // writes device contents to the directory; also at the end
     std::string show(bool json) const;
 
+    struct Impl;  // impl.h
+
 private:
-    struct Impl;
     std::unique_ptr<Impl> impl_;
 };
 

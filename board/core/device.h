@@ -31,7 +31,8 @@ struct Answer {
     Buffer data;        // read: the bytes; ioctl: the packed record
     bool again = false;
     int64_t deadline_ms = -1;  // of the board's clock; with `again`: -1 = no limit
-    int fd = -1;               // map: memory of the host
+    int fd = -1;               // map: memory of the host, from byte `value` on
+    bool ends = false;         // the calling process ends here, as at a reboot
 
     static Answer ok(int64_t value = 0, Buffer data = {}) { return {value, std::move(data)}; }
     static Answer fail(int error) { return {-int64_t{error}, {}}; }
@@ -49,9 +50,9 @@ struct Handle {
     uint32_t client = 0;
     uint32_t flags = 0;  // open flags
     int64_t position = 0;
-    bool nonblocking = false;  // at the moment of the request
-    int64_t started_ms = 0;    // when the request now served arrived
-    bool expired = false;      // the deadline that the model asked for is over
+    bool nonblocking = false;            // at the moment of the request
+    int64_t started_ms = 0;              // when the request now served arrived
+    bool expired = false;                // the deadline that the model asked for is over
     std::unique_ptr<HandleState> state;  // the model's own
 };
 
@@ -75,6 +76,9 @@ public:
     // calls (TermOp) and ioctls come here as well.
     virtual std::string tty_path() const { return {}; }
     virtual Answer term(Handle &, TermOp, Bytes) { return Answer::fail(ENOTTY); }
+
+    // The power came (back): forget what a real one does not keep. Also called when the board starts.
+    virtual void power_on() {}
 
     // What it holds, for `qelboard show`.
     virtual void show(Report &) const {}

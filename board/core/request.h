@@ -32,8 +32,8 @@ struct TermSettings {
     uint32_t output_flags;
     uint32_t control_flags;  // without the speed
     uint32_t local_flags;
-    uint32_t input_baud;
-    uint32_t output_baud;
+    uint32_t input_speed;  // B9600 ...: the same codes on every Linux we serve
+    uint32_t output_speed;
 };
 static_assert(sizeof(TermSettings) == 24);
 

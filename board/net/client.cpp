@@ -250,8 +250,9 @@ int SocketLink::ask(Connection &connection, const Request &request, Reply &reply
 }
 
 void SocketLink::perform(Request &request, Reply &reply, int &device) {
-    reply = {};
     reply.value = -ENODEV;
+    reply.fd = -1;
+    reply.drained = reply.killed = false;
     std::unique_ptr<Connection> connection = take();
     if (connection == nullptr) return;
     const int error = ask(*connection, request, reply, device);

@@ -90,6 +90,7 @@ struct Server::Impl {
     InPacket in_;
     OutPacket out_;
     Reply reply_;
+    bool changed_ = false;  // noted, and parked requests not asked again yet
 
     Mutex notes_mutex_;
     Notes notes_ QEL_GUARDED_BY(notes_mutex_);
@@ -97,6 +98,7 @@ struct Server::Impl {
 
 private:
     void note(uint32_t handle, bool changed);
+    bool put_tokens();
     void follow_notes();
     bool ask_parked_again(bool only_late);
     int wait_ms() const;
@@ -178,6 +180,7 @@ void Server::Impl::run() {
                 serve(*found->second);
             }
         }
+        follow_notes();
         ask_parked_again(true);
         follow_notes();
     }
@@ -203,23 +206,29 @@ void Server::Impl::note(uint32_t handle, bool changed) {
     if (wake && ::write(waker_.get(), &one, sizeof one) < 0) return;
 }
 
-void Server::Impl::follow_notes() {
-    for (;;) {
-        Notes notes;
-        {
-            const Lock lock(notes_mutex_);
-            std::swap(notes, notes_);
-        }
-        for (const uint32_t handle : notes.ready) {
-            const auto found = devices_.find(handle);
-            if (found == devices_.end()) continue;
-            const int socket = connections_.at(found->second)->socket.get();
-            // Its buffer takes far more tokens than the one that can lie there.
-            if (::send(socket, &kToken, sizeof kToken, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) continue;
-        }
-        // Asking again may change things once more, but it ends: every turn answers a request.
-        if (!notes.changed || !ask_parked_again(false)) return;
+// Does what the board noted; whether something changed that parked requests may wait for.
+bool Server::Impl::put_tokens() {
+    Notes notes;
+    {
+        const Lock lock(notes_mutex_);
+        std::swap(notes, notes_);
     }
+    for (const uint32_t handle : notes.ready) {
+        const auto found = devices_.find(handle);
+        if (found == devices_.end()) continue;
+        const int socket = connections_.at(found->second)->socket.get();
+        // Its buffer takes far more tokens than the one that can lie there.
+        if (::send(socket, &kToken, sizeof kToken, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) continue;
+    }
+    return notes.changed;
+}
+
+void Server::Impl::follow_notes() {
+    bool changed = std::exchange(changed_, false);
+    changed = put_tokens() || changed;
+    // Asking again may change things once more, but it ends: every turn answers a request.
+    while (changed && ask_parked_again(false)) changed = put_tokens() || std::exchange(changed_, false);
+    changed_ = false;
 }
 
 // True when one of them was answered.
@@ -471,6 +480,8 @@ bool Server::Impl::try_request(Connection &connection) {
 }
 
 bool Server::Impl::send_reply(Connection &connection) {
+    // Another thread may have made the device readable: the token that is to be taken off must be there.
+    if (reply_.drained) changed_ = put_tokens() || changed_;
     int device = -1;
     const bool opened = connection.request.op == Op::kOpen && reply_.value >= 0 &&
                         (reply_.opened == Opened::kDevice || reply_.opened == Opened::kTty);

@@ -26,7 +26,7 @@ inputs() {
 
 check_one() {
     local source=$1 mark
-    mark=$clean/$({ cat "$top/.clang-tidy" "$@"; grep -F -B2 -A2 "\"file\": \"$source\"" "$build/compile_commands.json"; } | sha256sum | cut -c1-64)
+    mark=$clean/$({ cat "$top/.clang-tidy" "$top/tests/.clang-tidy" "$@"; grep -F -B2 -A2 "\"file\": \"$source\"" "$build/compile_commands.json"; } | sha256sum | cut -c1-64)
     [[ ! -e $mark ]] || return 0
     if clang-tidy-14 --quiet -p "$build" "$source" 2>"$mark.err"; then
         rm "$mark.err"

@@ -18,7 +18,6 @@
 #include "board/core/board.h"
 #include "board/net/commands.h"
 #include "board/net/server.h"
-#include "tools/qelboard/sysv.h"
 
 namespace qel::tool {
 
@@ -119,7 +118,6 @@ int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd loc
     signal(SIGPIPE, SIG_IGN);
     allow_many_descriptors();
     int code = 0;
-    std::string run_dir;
     try {
         // Left by a server that was killed: nobody else can be there while we hold the lock.
         if (lock.is_open()) ::unlink(home.socket().c_str());
@@ -128,8 +126,6 @@ int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd loc
         options.time_scale = std::max(choice.time_scale, 1u);
         board::Board served(board::find_board(choice.board), options);
         if (!temporary) remember_board(home, served.name());
-        run_dir = served.welcome(0).run_dir;
-        remove_sysv_objects(run_dir + "/sysv");
         board::Commands commands(served);
         prepare(commands, choice);
         board::Server server(served, home.socket());
@@ -141,7 +137,6 @@ int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd loc
         report(context, error.what());
         code = 1;
     }
-    if (!run_dir.empty()) remove_sysv_objects(run_dir + "/sysv");
     if (temporary) {
         std::error_code ignored;
         fs::remove_all(home.dir(), ignored);

@@ -1,0 +1,79 @@
+#include "board/core/descriptors.h"
+
+#include <unistd.h>
+#include <array>
+#include <atomic>
+#include <memory>
+#include <new>
+
+namespace qel::board {
+
+namespace {
+
+// Descriptors in blocks made on demand and never freed: handle in bits 32..63, class in 16..31.
+constexpr int kBlockSize = 1024;
+constexpr int kBlocks = 1024;
+constexpr uint64_t kTtyBit = 1;
+constexpr uint64_t kNonblockingBit = 2;
+
+using Block = std::array<std::atomic<uint64_t>, kBlockSize>;
+constinit std::array<std::atomic<Block *>, kBlocks> g_blocks{};
+
+std::atomic<uint64_t> *slot(int fd) {
+    if (fd < 0 || fd >= kBlockSize * kBlocks) return nullptr;
+    Block *block = g_blocks[static_cast<size_t>(fd / kBlockSize)].load(std::memory_order_acquire);
+    return block != nullptr ? &(*block)[static_cast<size_t>(fd % kBlockSize)] : nullptr;
+}
+
+bool make_block(int fd) {
+    if (fd < 0 || fd >= kBlockSize * kBlocks) return false;
+    std::unique_ptr<Block> made(new (std::nothrow) Block{});
+    if (made == nullptr) return false;
+    Block *none = nullptr;
+    if (g_blocks[static_cast<size_t>(fd / kBlockSize)].compare_exchange_strong(none, made.get()))
+        made.release();
+    return true;
+}
+
+Descriptor unpack(uint64_t packed) {
+    return {.handle = static_cast<uint32_t>(packed >> 32),
+            .class_index = static_cast<uint16_t>(packed >> 16),
+            .is_tty = (packed & kTtyBit) != 0,
+            .nonblocking = (packed & kNonblockingBit) != 0};
+}
+
+uint64_t pack(const Descriptor &descriptor) {
+    return uint64_t{descriptor.handle} << 32 | uint64_t{descriptor.class_index} << 16 |
+           (descriptor.is_tty ? kTtyBit : 0) | (descriptor.nonblocking ? kNonblockingBit : 0);
+}
+
+}  // namespace
+
+Descriptor find_descriptor(int fd) {
+    const std::atomic<uint64_t> *found = slot(fd);
+    return found != nullptr ? unpack(found->load(std::memory_order_acquire)) : Descriptor{};
+}
+
+bool set_descriptor(int fd, const Descriptor &descriptor) {
+    if (slot(fd) == nullptr && !make_block(fd)) return false;
+    slot(fd)->store(pack(descriptor), std::memory_order_release);
+    return true;
+}
+
+void clear_descriptor(int fd) {
+    std::atomic<uint64_t> *found = slot(fd);
+    if (found != nullptr) found->store(0, std::memory_order_release);
+}
+
+void close_all_devices() {
+    for (int fd = 0; fd < kBlockSize * kBlocks; ++fd) {
+        std::atomic<uint64_t> *found = slot(fd);
+        if (found == nullptr) {
+            fd += kBlockSize - 1;
+        } else if (found->exchange(0) != 0) {
+            ::close(fd);
+        }
+    }
+}
+
+}  // namespace qel::board

@@ -1,0 +1,82 @@
+// fault.h - breaking things on purpose: which request of which device goes wrong, and how.
+//
+// A fault is one line of text:
+//
+//     [chip N] NODE OPERATION[:REQUEST] ACTION [WHEN]
+//     [chip N] [NODE] power-cut at N [torn BYTES]
+//
+//   NODE       a path as the process gives it, or a pattern with * and ? ("/dev/mtd/*", "/mnt/*")
+//   OPERATION  open close read write seek ioctl map term, stat list mkdir remove rename umount run
+//              reboot, or * for all
+//   REQUEST    of an ioctl: its name as the trace shows it, or its code ("0xC0044800")
+//   ACTION     fail ERRNO        answer with that error, the device never sees the request
+//              short BYTES       read, write or answer no more than so many bytes
+//              flip BIT[,BIT]    turn bits of the data round: read and ioctl answers, written data
+//              delay MS          answer that much later (of the board's time)
+//   WHEN       at N              the Nth such request from now, only it
+//              at N..M           the Nth to the Mth
+//              from N            the Nth and all after it
+//              every N           the Nth, the 2Nth ...
+//              missing: always
+//   power-cut  in the middle of the Nth device write from now: `torn` bytes of it reach the medium
+//              (all when missing), then every process of the board ends at once
+//
+// Requests on files are known by open and the path operations only: their data does not pass here.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "board/core/request.h"
+
+namespace qel::board {
+
+class FaultError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+enum class FaultAction : uint8_t { kFail, kShort, kFlip, kDelay, kPowerCut };
+
+struct Fault {
+    std::string text;              // as it was given
+    std::optional<uint32_t> chip;  // missing: every chip
+    std::string node = "*";
+    std::string operation = "*";
+    std::string request;  // of an ioctl: a name or a code; empty: every one
+    FaultAction action = FaultAction::kFail;
+    int64_t argument = 0;         // errno, bytes, milliseconds, torn bytes (-1: the whole write)
+    std::vector<uint32_t> flips;  // bit numbers, bit 0 = lowest of byte 0
+    uint64_t first = 1;           // requests it applies to, counted from 1 ...
+    uint64_t last = UINT64_MAX;
+    uint64_t step = 1;  // ... every so many after the first
+    uint64_t seen = 0;  // requests that matched so far
+
+    // Counts one matching request; whether this is one to break.
+    bool strikes();
+};
+
+// Throws FaultError naming the word that is wrong.
+Fault parse_fault(std::string_view text);
+
+// What is known of a request when faults are looked up.
+struct RequestView {
+    uint32_t chip;
+    std::string_view node;
+    std::string_view operation;
+    std::string_view request_name;  // of an ioctl, may be empty
+    uint32_t code;                  // of an ioctl
+};
+bool matches(const Fault &fault, const RequestView &request);
+
+// The name of an operation as faults and the trace call it.
+const char *operation_name(Op op, uint32_t code);
+
+// `*` any run of characters ("/" too), `?` any one.
+bool glob_match(std::string_view pattern, std::string_view text);
+
+}  // namespace qel::board

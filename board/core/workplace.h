@@ -1,0 +1,31 @@
+// workplace.h - the folders of the host that a board uses.
+#pragma once
+
+#include <sys/types.h>
+#include <string>
+
+namespace qel::board {
+
+class Workplace {
+public:
+    // `dir`: keep the board's content there (made when missing, one board at a time); empty: in a
+    // temporary folder. Throws std::runtime_error.
+    explicit Workplace(const std::string &dir);
+    // Removes what is temporary, and the System V objects of the board's processes. Does nothing in a
+    // forked child.
+    ~Workplace();
+    Workplace(const Workplace &) = delete;
+    Workplace &operator=(const Workplace &) = delete;
+
+    const std::string &content_dir() const { return content_dir_; }
+    // Sockets and the list of System V objects. Always temporary: the names of sockets must be short.
+    const std::string &run_dir() const { return run_dir_; }
+
+private:
+    pid_t owner_;
+    std::string run_dir_;
+    std::string content_dir_;
+    int lock_fd_ = -1;
+};
+
+}  // namespace qel::board

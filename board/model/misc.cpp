@@ -1,0 +1,73 @@
+// misc.cpp - "/dev/qecMisc": the requests that have no device of their own.
+//
+// Answered here are the reboot and the place of the reserved memory. The others belong to serial lines
+// and to the microcontroller: they are known by name and answer ENOTTY, as on a board without them.
+#include "board/core/chip.h"
+#include "board/core/description.h"
+#include "board/core/report.h"
+#include "board/model/records.h"
+
+namespace qel::board {
+
+namespace {
+
+constexpr const char *kNode = "/dev/qecMisc";
+constexpr uint32_t kReboot = 0xC0044D05;
+constexpr uint32_t kGetReservedMemory = 0xC0044D4B;
+
+constexpr RequestSpec kRequests[] = {
+    {0xC0044D04, "SET_RS485_DIRECTION", 8, 0},
+    {kReboot, "REBOOT"},
+    {0xC0044D08, "GET_PORT_MAP", 0, 692},
+    {0xC0044D20, "SET_LINE_MODE", 8, 0},
+    {0xC0044D29, "GET_RS485_STATUS", 4, 4},
+    {0xC0044D34, "GET_MCU_CAPS", 0, 4},
+    {0xC0044D44, "MCU_CAPS_READ"},
+    {kGetReservedMemory, "GET_RESERVED_MEMORY", 0, 8},
+};
+
+class Misc final : public Device {
+public:
+    Misc(Chip &chip, const Description &description)
+        : Device(chip),
+          memory_start_(static_cast<uint32_t>(description.number("reserved_memory_start", 0, UINT32_MAX, 0))),
+          memory_bytes_(
+              static_cast<uint32_t>(description.number("reserved_memory_bytes", 0, UINT32_MAX, 0))) {}
+    Answer ioctl(Handle &handle, uint32_t request, Bytes in) override;
+    void show(Report &report) const override {
+        report.value("reserved memory start", int64_t{memory_start_});
+        report.value("reserved memory bytes", int64_t{memory_bytes_});
+    }
+
+private:
+    Answer reboot();
+
+    uint32_t memory_start_;  // both 0: the board has none
+    uint32_t memory_bytes_;
+};
+
+Answer Misc::ioctl(Handle &, uint32_t request, Bytes) {
+    if (request == kReboot) return reboot();
+    if (request != kGetReservedMemory) return Answer::fail(ENOTTY);
+    Buffer out(8);
+    put_u32(out, 0, memory_start_);
+    put_u32(out, 4, memory_bytes_);
+    return Answer::ok(0, std::move(out));
+}
+
+Answer Misc::reboot() {
+    chip().record_event("reboot by " + node());
+    Answer answer = Answer::ok(-chip().machine().reboot_error);
+    answer.ends = chip().machine().reboot_ends;
+    return answer;
+}
+
+void build(Chip &chip, const Description &description) {
+    chip.add(kNode, std::make_unique<Misc>(chip, description));
+}
+
+}  // namespace
+
+extern const DeviceClass kMiscClass = {"misc", "miscellaneous requests", kRequests, build};
+
+}  // namespace qel::board
