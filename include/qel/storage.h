@@ -6,6 +6,7 @@
 #ifndef QEL_STORAGE_H
 #define QEL_STORAGE_H
 
+#include "qel/eeprom.h"
 #include "qel/frame.h"
 
 QEL_BEGIN_DECLS
@@ -63,6 +64,7 @@ typedef struct {
     } entries[QEL_MAX_PARTITIONS];
 } FlashPartitionList;
 
+QEL_API int Flash_getPartionInfo(void); /* chain: reads the table unless it stands already */
 QEL_API int QEL_getPartionInfo(FlashPartitionList *out);
 /* *out = the library's own table; its entries are valid until QEL_flashDeinit. */
 QEL_API int QEL_getPartionInfo64(FlashPartitionTable **out);
@@ -113,6 +115,13 @@ QEL_API char *PART_getLine(char **text);
 /* Parse in place: `text` and `line` are changed. *count: in, room in `out`; out, records (32 at most). */
 QEL_API int PART_parsePartinfo(char *text, uint32_t version, PartitionDescription *out, uint32_t *count);
 QEL_API int PART_parsePartinfoLine(char *line, uint32_t version, PartitionDescription *out);
+struct RawFlash;
+/*
+ * Takes over the description in an upgrade image, and writes the image to the copy of the partition
+ * "partition" that the device does not run from, unless the boot loader switches between copies.
+ * Blocks as long as that write does.
+ */
+QEL_API int Flash_flushPart(struct RawFlash *flash, const void *image, uint32_t length);
 
 /* ---- upgrade and backup state ---- */
 
