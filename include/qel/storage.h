@@ -6,7 +6,6 @@
 #ifndef QEL_STORAGE_H
 #define QEL_STORAGE_H
 
-#include "qel/eeprom.h"
 #include "qel/frame.h"
 
 QEL_BEGIN_DECLS
