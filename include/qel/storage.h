@@ -6,6 +6,7 @@
 #ifndef QEL_STORAGE_H
 #define QEL_STORAGE_H
 
+#include "qel/eeprom.h"
 #include "qel/frame.h"
 
 QEL_BEGIN_DECLS
