@@ -150,11 +150,11 @@ Joined join_line(char **text, char (&out)[kMaxLineBytes]) {
     for (bool continued = true; continued;) {
         char *const line = next_line(text);
         if (line == nullptr) break;
+        if (*line == '#') continue;
         if (strstr(line, "END") != nullptr) {
             *text += strlen(*text);
             break;
         }
-        if (*line == '#') continue;
         cut_trailing_blanks(line);
         size_t length = strlen(line);
         continued = length > 0 && line[length - 1] == '\\';
