@@ -5,18 +5,16 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "tests/storage/cramfs_image.h"
+
 namespace qel::cramfs {
 namespace {
 
-namespace fs = std::filesystem;
 using Octets = std::vector<uint8_t>;
 
 struct Read {
@@ -41,27 +39,10 @@ Read read_file(const Octets &image, const char *name, size_t room = 0x20000) {
 
 class Made : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = fs::temp_directory_path() / "qel-cramfs-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-        fs::create_directory(folder_ / "root");
-    }
-    void TearDown() override { fs::remove_all(folder_); }
+    void put(const std::string &name, const std::string &text) { folder_.put(name, text); }
+    Octets make(const std::string &options = "") { return folder_.make(options); }
 
-    void put(const std::string &name, const std::string &text) {
-        std::ofstream(folder_ / "root" / name, std::ios::binary) << text;
-    }
-    Octets make(const std::string &options = "") {
-        const std::string image = folder_ / "image";
-        const std::string command = "PATH=$PATH:/usr/sbin:/sbin mkfs.cramfs " + options + " " +
-                                    (folder_ / "root").string() + " " + image;
-        EXPECT_EQ(std::system(command.c_str()), 0) << command;
-        std::ifstream file(image, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-
-    fs::path folder_;
+    test::ImageFolder folder_;
 };
 
 std::string text_of(size_t bytes, unsigned seed) {
@@ -100,8 +81,8 @@ TEST_F(Made, AnImageBehindAHeaderOf512BytesIsReadToo) {
 
 TEST_F(Made, OnlyRegularFilesAreFound) {
     put("partitionV2.txt", "two");
-    fs::create_directory(folder_ / "root" / "partitionV3.txt");
-    fs::create_symlink("partitionV2.txt", folder_ / "root" / "partition.txt");
+    std::filesystem::create_directory(folder_.root() / "partitionV3.txt");
+    std::filesystem::create_symlink("partitionV2.txt", folder_.root() / "partition.txt");
     const Octets image = make();
     EXPECT_EQ(read_file(image, "partitionV3.txt").result, Result::kNotFound);
     EXPECT_EQ(read_file(image, "partition.txt").result, Result::kNotFound);
