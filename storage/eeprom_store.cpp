@@ -227,13 +227,17 @@ int export_open_file(Operation &op, int index, const char *name, const FileHeade
 }  // namespace
 
 int store_in_place(Operation &op, const char *name, const void *buffer, uint32_t bytes) {
+    const Table &table = op.context.table;
     FileHeader header;
-    if (eefs::find_file(op, name, &header) == EEFS_NOT_FOUND) {
-        const Table &table = op.context.table;
-        if (table.count >= eefs::kFiles) return refuse_count(op, name);
-        if (table.free_bytes >= eefs::kLeastFreeBytes && bytes > table.free_bytes - kHeaderBytes)
-            return refuse_space(op, bytes);
+    const int index = eefs::find_file(op, name, &header);
+    if (index >= 0) {
+        if (bytes > table.files[index].allocated_bytes) return refuse_space(op, bytes);
+        return write_whole(op, name, buffer, bytes, kInPlace);
     }
+    if (index != EEFS_NOT_FOUND) return OSA_EFAIL;
+    if (table.count >= eefs::kFiles) return refuse_count(op, name);
+    if (table.free_bytes >= eefs::kLeastFreeBytes && bytes > table.free_bytes - kHeaderBytes)
+        return refuse_space(op, bytes);
     return write_whole(op, name, buffer, bytes, kInPlace);
 }
 
@@ -261,6 +265,7 @@ int store_file(Operation &op, const char *name, const void *buffer, uint32_t byt
     FileHeader header;
     const int index = eefs::find_file(op, name, &header);
     const uint32_t allocated = index >= 0 ? op.context.table.files[index].allocated_bytes : 0;
+    if (index < 0 && index != EEFS_NOT_FOUND) return OSA_EFAIL;
     if (allocated == 0) return store_in_place(op, name, buffer, bytes);
     log_change_time(name, header.changed_s);
     if (uint64_t{op.context.table.free_bytes} + allocated < bytes) return refuse_space(op, bytes);
