@@ -156,10 +156,7 @@ Answer Eeprom::take_write(uint32_t address, Bytes bytes) {
 bool Eeprom::program_page(uint32_t address, Bytes bytes) {
     const uint32_t page = address - address % page_bytes_;
     const size_t reached = chip().medium_write(*this, bytes.size());
-    for (size_t i = 0; i < reached; ++i) {
-        const size_t at = page + (address - page + i) % page_bytes_;
-        if (at < content_.size()) content_[at] = bytes[i];  // the last page may be cut off by the capacity
-    }
+    for (size_t i = 0; i < reached; ++i) content_[page + (address - page + i) % page_bytes_] = bytes[i];
     ++page_writes_;
     return reached == bytes.size();
 }
