@@ -43,7 +43,7 @@ bool is_bad(int fd, uint64_t offset, uint64_t partition_offset) {
     auto argument = static_cast<int64_t>(offset);
     const int answer = os::ioctl(fd, kMtdGetBadBlock, &argument);
     if (answer == 0) return false;
-    const auto address = static_cast<unsigned long long>(partition_offset + offset);
+    const unsigned long long address = partition_offset + offset;
     QEL_WARN_SHORT("MEMGETBADBLOCK error,fd = %d, ret = %d addr = %llx! \n", fd, answer, address);
     QEL_WARN_SHORT("find badblock:fd = %d,addr = %llx\n", fd, address);
     return true;
@@ -105,6 +105,7 @@ __attribute__((destructor)) void free_at_unload() {
 }  // namespace
 
 int start_blocks() {
+    state.mutex.destroy();
     if (state.mutex.create() != 0) return OSA_EFAIL;
     const MutexLock lock(state.mutex);
     for (Access &access : state.partitions) free_blocks(access);  // of a table that was read before

@@ -154,7 +154,7 @@ int update_state(const Operation &operation) {
 // Another process, or this device before its last start, may have asked to wait: looked up once per
 // session. Which scheme the marks follow is the system's choice, told by the backup version.
 int learn_state() {
-    if (state.known || state.in_progress || !flash::has_flag_partition()) return 0;
+    if (state.known || !flash::has_flag_partition()) return 0;
     uint8_t wait = kIdle;
     if (flag_pages::read_byte(kWriterOperation, {kProgressBlock, kWaitPage}, 0, &wait) != 0) return OSA_EFAIL;
     if (wait == kWaitBackup) {
@@ -164,7 +164,7 @@ int learn_state() {
     }
     uint8_t version = 0;
     const bool by_parts = backup_version(&version) == 0 && version == kSchemeParts;
-    state.scheme = by_parts ? kSchemeParts : kSchemePages;
+    if (!state.in_progress) state.scheme = by_parts ? kSchemeParts : kSchemePages;
     state.known = true;
     return 0;
 }
@@ -270,7 +270,7 @@ int mark_write(int partition, uint32_t length) {
 
 void complete() {
     const flash::Lock lock;
-    if (!lock.held() || !state.in_progress) return;
+    if (!lock.held() || !state.in_progress || state.kind == kKindNoBackup) return;
     if (state.scheme == kSchemeParts) {
         if (gBackupState == kWaitBackup || clear_block({"Flash_release"}, kProgressBlock) != 0) return;
     } else if (gBackupState != kStarted || write_mark({"Flash_release"}, 1, kMainDone) != 0) {

@@ -174,6 +174,11 @@ TEST(UpgradeFlow, WaitsForTheBackupWhoeverAskedForIt) {
         end_session();
         EXPECT_EQ(flow.write(kKernel), 0);
         EXPECT_EQ(flow.marks()[0], 0x55);
+        complete();
+        flow.set_byte(kFlags, 3 * kPage, 0x6A);  // and begins the next one
+        EXPECT_EQ(flow.write(kKernel), 0);       // this session looked already
+        end_session();
+        EXPECT_EQ(flow.write(kKernel), -1);
     });
 }
 
