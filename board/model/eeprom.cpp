@@ -203,7 +203,8 @@ Answer Eeprom::poke(const std::vector<std::string> &words) {
         return Answer::ok();
     }
     if (words.size() != 3 || !parse_number(words[1], address)) return Answer::fail(EINVAL);
-    if (verb == "read" && parse_number(words[2], bytes) && holds(address, bytes)) return content_at(address, bytes);
+    if (verb == "read" && parse_number(words[2], bytes) && holds(address, bytes))
+        return content_at(address, bytes);
     if (verb != "write" || !parse_hex(words[2], data) || !holds(address, data.size()))
         return Answer::fail(EINVAL);
     std::copy(data.begin(), data.end(), content_.begin() + address);

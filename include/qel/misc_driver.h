@@ -6,6 +6,8 @@
 #ifndef QEL_MISC_DRIVER_H
 #define QEL_MISC_DRIVER_H
 
+#include <stdint.h>
+
 #define QEL_MISC_DEVICE "/dev/qecMisc"
 
 /* Argument: uint32_t out, the number of EEPROM chips on the board. */
