@@ -1,4 +1,7 @@
 // eefs_families.cpp - the exported families of the EEPROM file system: one line per operation.
+//
+// The ..._new names copy a new file's name with its terminator, the others without: into a header that
+// is zero before, so both write the same bytes and share one implementation.
 #include "storage/eefs.h"
 
 namespace {
@@ -54,8 +57,10 @@ int file_info(Operation &op, unsigned n, char *name, unsigned *bytes) {
 }
 
 int read_table(Operation &op, const EefsContext *context, unsigned address) {
-    if (context != nullptr && context != &op.context) return OSA_EFAIL;
-    return qel::eefs::load_table(op, address);
+    const bool own = context == nullptr || context == &op.context;
+    if (own && qel::eefs::load_table(op, address) == 0) return 0;
+    EEFS_ERROR_AS(op.caller, "no file system at 0x%x\n", address);
+    return OSA_EFAIL;
 }
 
 int init_single(EefsChipAttr *attributes) {
