@@ -50,6 +50,7 @@ void give_back() QEL_THREAD_ATTRIBUTE(no_thread_safety_analysis) {
 // raw flash object may still be in use.
 __attribute__((destructor)) void close_at_unload() {
     if (state.semaphore != nullptr) OSA_ipcSemClose(&state.semaphore);
+    state.threads.destroy();
 }
 
 }  // namespace
