@@ -4,7 +4,6 @@
 // attaches a handler to a free module id and serves until it is told to stop; on the master it sends
 // each slave one request. On the virtual board "twin":
 //
-//     qelboard serve twin --dir twin.board &
 //     qelboard run twin --dir twin.board --no-residents --chip 1 --as vesta -- qel-handler &
 //     qelboard run twin --dir twin.board --no-residents --chip 0 --as vesta -- qel-handler
 #include <qel/qel.h>

@@ -4,9 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "frame/log.h"
-#include "os/os.h"
-
 namespace qel::hwid {
 
 constexpr const char *kDevice = "/dev/qecHwid";

@@ -19,15 +19,19 @@ ObjectPrivate *header_of(void *record) { return static_cast<ObjectPrivate *>(pri
 
 }  // namespace
 
-void *object_allocate(const ObjectKind &kind, bool has_out, size_t record_bytes, size_t private_bytes) {
+bool object_may_be_created(const ObjectKind &kind, const void *out) {
     if ((g_obj_created_libdvr[kind.created_word] & kCreated) != 0) {
         QEL_ERROR_AS(kind.create_name, "Error:OBJ is created\n");
-        return nullptr;
+        return false;
     }
-    if (!has_out) {
+    if (out == nullptr) {
         QEL_ERROR_AS(kind.create_name, "Obiect is NULL\n");
-        return nullptr;
+        return false;
     }
+    return true;
+}
+
+void *object_allocate(const ObjectKind &kind, size_t record_bytes, size_t private_bytes) {
     void *record = OSA_memCalloc(record_bytes);
     if (record == nullptr) {
         kind.no_record_memory();

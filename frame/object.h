@@ -32,8 +32,9 @@ struct ObjectKind {
 constexpr int kCheckPrivate = 2;
 constexpr int kCheckOpen = 3;
 
-// The untyped half of object_create.
-void *object_allocate(const ObjectKind &kind, bool has_out, size_t record_bytes, size_t private_bytes);
+// The untyped halves of object_create.
+bool object_may_be_created(const ObjectKind &kind, const void *out);
+void *object_allocate(const ObjectKind &kind, size_t record_bytes, size_t private_bytes);
 void object_free(void *record);
 
 int object_add_ref(void *thiz, const ObjectKind &kind);
@@ -43,10 +44,9 @@ int object_release(void *thiz, const ObjectKind &kind);
 // the kind's way. The caller fills the operations.
 template <typename Private, typename Record>
 Record *object_create(const ObjectKind &kind, Record **out) {
-    if ((g_obj_created_libdvr[kind.created_word] & 1u) == 0 && out != nullptr) *out = nullptr;
-    void *record = object_allocate(kind, out != nullptr, sizeof(Record), sizeof(Private));
-    if (record == nullptr) return nullptr;
-    return *out = static_cast<Record *>(record);
+    if (!object_may_be_created(kind, out)) return nullptr;
+    *out = static_cast<Record *>(object_allocate(kind, sizeof(Record), sizeof(Private)));
+    return *out;
 }
 
 }  // namespace qel::frame

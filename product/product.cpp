@@ -47,6 +47,7 @@ void clean_up() {
     free_sensors();
     if (state.records != nullptr) OSA_memAlignFree(state.records);
     state.records = nullptr;
+    state.count = 0;
     if (state.fd >= 0) os::close(state.fd);
     state.fd = -1;
     state.mutex.destroy();

@@ -8,14 +8,16 @@ fail() {
     exit 1
 }
 
-# build PRESET [TARGET...]: configures when that was never done or the presets changed, and builds.
-build() {
-    local preset=$1 folder=build/$1
-    shift
-    if [[ ! -f $folder/build.ninja || CMakePresets.json -nt $folder/build.ninja ]]; then
-        cmake --preset "$preset" || return
+# configure PRESET: when that was never done, or the presets changed since.
+configure() {
+    if [[ ! -f build/$1/build.ninja || CMakePresets.json -nt build/$1/build.ninja ]]; then
+        cmake --preset "$1"
     fi
-    ninja -C "$folder" -j "$jobs" "$@"
+}
+
+# build PRESET [TARGET...]
+build() {
+    configure "$1" && ninja -C "build/$1" -j "$jobs" "${@:2}"
 }
 
 # build_quietly PRESET [TARGET...]: the same, one line long unless it fails.

@@ -13,7 +13,7 @@ function attribute(name,    found) {
     reason = ""
 }
 
-match($0, /this machine lacks .*/) && reason == "" { reason = substr($0, RSTART + 19, RLENGTH - 19) }
+match($0, /this machine (lacks|has no) .*/) && reason == "" { reason = substr($0, RSTART, RLENGTH) }
 
 /<\/testcase>/ {
     if (status == "run") {

@@ -2,7 +2,7 @@
 # packages.sh - the Debian packages behind each word of ./dev, installed when they are missing.
 
 declare -rA packages=(
-    [build]="g++ cmake ninja-build pkg-config nlohmann-json3-dev libcli11-dev libtomlplusplus-dev zlib1g-dev"
+    [build]="g++ make cmake ninja-build pkg-config nlohmann-json3-dev libcli11-dev libtomlplusplus-dev zlib1g-dev"
     [test]="libgtest-dev"
     [bench]="libbenchmark-dev"
     [clang]="clang-14 libclang-rt-14-dev"

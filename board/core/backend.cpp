@@ -75,8 +75,7 @@ public:
     // After a request on a device: it may have taken what made the descriptor readable.
     int64_t run(int fd) {
         const int64_t value = run();
-        uint64_t token = 0;
-        if (reply.drained && ::read(fd, &token, sizeof(token)) < 0) return value;  // another thread took it
+        if (reply.drained) take_token(fd);
         return value;
     }
     bool on_host() const { return reply.opened == Opened::kHostFile; }
@@ -90,6 +89,11 @@ private:
         Request request;
         Reply reply;
     };
+    static void take_token(int fd) {
+        uint64_t token = 0;
+        // Fails when another thread was faster; then there is nothing left to do.
+        [[maybe_unused]] const ssize_t got = ::read(fd, &token, sizeof(token));
+    }
     static Slot &slot() {
         static thread_local Slot slot;
         return slot;
@@ -262,14 +266,12 @@ struct FileWalk {
     const std::set<std::string> *nodes;
     qel_os_visit visit;
     void *context;
-    bool ended;
 };
 
 int visit_file(void *context, const char *name, const qel_os_file_info *info) {
-    auto *walk = static_cast<FileWalk *>(context);
+    const auto *walk = static_cast<const FileWalk *>(context);
     if (walk->nodes->count(name) != 0) return 0;
-    walk->ended = walk->visit(walk->context, name, info) != 0;
-    return walk->ended ? 1 : 0;
+    return walk->visit(walk->context, name, info);
 }
 
 int board_list(const char *path, qel_os_visit visit, void *context) {
@@ -291,9 +293,8 @@ int board_list(const char *path, qel_os_visit visit, void *context) {
         nodes.insert(name);
         at += 5 + length;
     }
-    FileWalk walk{&nodes, visit, context, false};
-    const int result = kernel().list(host.c_str(), visit_file, &walk);
-    return result == -ENOENT && !nodes.empty() ? 0 : result;
+    FileWalk walk{&nodes, visit, context};
+    return kernel().list(host.c_str(), visit_file, &walk);
 }
 
 int board_make_dir(const char *path, unsigned mode) {

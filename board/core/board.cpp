@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <climits>
+#include <cstdlib>
 #include <random>
 #include <stdexcept>
 
@@ -52,11 +53,22 @@ void Board::Impl::wake_waiting() {
               nullptr, 0);
 }
 
+void Board::Impl::stop_for_misuse() {
+    const Lock lock(mutex);
+    const size_t count = unit.take_misuses().size();
+    if (!was_entered || count == 0) return;
+    fprintf(stderr, "MISUSE  %s: %zu of them, and the test did not ask for any\n", unit.name().c_str(),
+            count);
+    std::abort();
+}
+
 Board::Board(const std::string &description, const Options &options)
     : impl_(std::make_unique<Impl>(description, options)) {}
 
 Board::~Board() {
     leave();
+    impl_->stop_for_misuse();
+    if (!impl_->workplace.keeps_content()) return;
     try {
         save();
     } catch (const std::exception &error) {
@@ -98,7 +110,7 @@ void Board::enter(const Entry &entry) {
     const Welcome here = welcome(entry.chip);
     if (!entry.as.empty()) impl_->old_process_name = take_process_name(entry.as);
     join_world(std::make_unique<LocalLink>(*impl_, here, process_name()));
-    impl_->entered = true;
+    impl_->entered = impl_->was_entered = true;
 }
 
 void Board::leave() {
@@ -173,6 +185,11 @@ std::vector<std::string> Board::take_misuses() {
 std::vector<std::string> Board::take_events() {
     const Lock lock(impl_->mutex);
     return impl_->unit.take_events();
+}
+
+bool Board::has_power() const {
+    const Lock lock(impl_->mutex);
+    return impl_->unit.has_power();
 }
 
 void Board::power_on() {

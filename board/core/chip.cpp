@@ -25,9 +25,17 @@ Chip::Chip(ChipHost &host, uint32_t number, const Description &description, cons
     for (size_t i = 0; i < classes.size(); ++i) {
         building_ = classes[i];
         building_index_ = static_cast<uint16_t>(i);
-        for (const Description &table : description.tables(building_->key)) building_->build(*this, table);
+        for (const Description &table : description.tables(building_->key)) build(table);
     }
     building_ = nullptr;
+}
+
+void Chip::build(const Description &table) {
+    try {
+        building_->build(*this, table);
+    } catch (const std::invalid_argument &error) {
+        table.fail("", error.what());
+    }
 }
 
 void Chip::build_machine(const Description &description) {
@@ -77,9 +85,9 @@ void Chip::power_on() {
 void Chip::add(const std::string &path, std::unique_ptr<Device> device) {
     if (building_ == nullptr) throw std::logic_error("Chip::add outside of DeviceClass::build");
     if (path != normal_path(path) || path == "/" || nodes_.count(path) != 0)
-        throw std::invalid_argument("chip " + std::to_string(number_) + ": node \"" + path +
-                                    "\" is no absolute path or exists already");
+        throw std::invalid_argument("node \"" + path + "\" is no absolute path or exists already");
     device->node_ = path;
+    tree_.make_dir(path.substr(0, path.rfind('/') + 1));
     nodes_.emplace(path, Node{path, std::move(device), building_, building_index_});
 }
 

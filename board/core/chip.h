@@ -81,6 +81,7 @@ public:
 
 private:
     void build_tree(const Description &description);
+    void build(const Description &table);
     void make_files(std::string_view folder);
     void build_machine(const Description &description);
 

@@ -175,7 +175,9 @@ std::vector<std::string> Description::keys() const {
 void Description::fail(const std::string &key, const std::string &what) const {
     const toml::table &table = as_table(table_);
     const toml::node *node = table.get(key);
-    throw DescriptionError(line_of(node != nullptr ? *node : table), path_ + key, what);
+    std::string name = path_ + key;
+    if (!name.empty() && name.back() == '.') name.pop_back();  // the table itself
+    throw DescriptionError(line_of(node != nullptr ? *node : table), name, what);
 }
 
 void Description::reject_unknown() const { document_->check(document_->root, ""); }

@@ -46,6 +46,7 @@ public:
     // Every key of this table; for tables whose keys are data.
     std::vector<std::string> keys() const;
 
+    // An empty key: the table itself is wrong.
     [[noreturn]] void fail(const std::string &key, const std::string &what) const;
     // Throws at the first key of the whole document that nobody has read.
     void reject_unknown() const;

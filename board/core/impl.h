@@ -18,6 +18,8 @@ struct Board::Impl {
 
     // Counts changes; waiting requests of this process sleep on it.
     void wake_waiting();
+    // A test that leaves misuses behind has found a fault and must not pass.
+    void stop_for_misuse();
 
     const Workplace workplace;
     const uint32_t ipc_salt;
@@ -29,6 +31,7 @@ struct Board::Impl {
     std::unordered_map<uint32_t, int> local_descriptors QEL_GUARDED_BY(mutex);
     std::atomic<uint32_t> generation{0};
     bool entered = false;
+    bool was_entered = false;
     std::string old_process_name;
 };
 

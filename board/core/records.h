@@ -1,8 +1,9 @@
 // records.h - how the argument of an ioctl crosses from a process to the board and back.
 //
 // A device class states it once per request, in a table. Most records are flat: `in_bytes` go over,
-// `out_bytes` at the most come back, in place. Records with pointers or native sizes have a pair of
-// functions that run in the process.
+// `out_bytes` at the most come back, in place; the board refuses one of another size (EFAULT) before the
+// device sees it. Records with pointers or native sizes have a pair of functions that run in the
+// process; the device checks itself what they packed.
 #pragma once
 
 #include <cstdint>

@@ -17,15 +17,21 @@ namespace {
 
 constexpr int64_t kMostChips = 16;
 constexpr uint32_t kMostPathBytes = 4096;
+constexpr uint32_t kNodeMode = S_IFCHR | 0660;
 
 // The one file of the host's own that a process sees: its name is the process's, not the chip's.
 constexpr std::string_view kOwnNameFile = "/proc/self/comm";
 
-const char *request_name(const Node &node, uint32_t code) {
+const RequestSpec *find_spec(const Node &node, uint32_t code) {
     for (const RequestSpec &spec : node.device_class->requests) {
-        if (spec.code == code) return spec.name;
+        if (spec.code == code) return &spec;
     }
-    return "";
+    return nullptr;
+}
+
+// A flat record has its size whoever sent it; a model may rely on that.
+bool has_right_size(const RequestSpec *spec, const Buffer &in) {
+    return spec != nullptr ? spec->pack != nullptr || in.size() == spec->in_bytes : in.empty();
 }
 
 void flip_bits(const std::vector<uint32_t> &bits, Buffer &data) {
@@ -36,6 +42,13 @@ void flip_bits(const std::vector<uint32_t> &bits, Buffer &data) {
 
 void put_u32(Buffer &out, uint32_t value) {
     for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+// What becomes of an operation on a path that is a device node.
+int64_t node_answer(PathOp operation) {
+    if (operation == PathOp::kStat) return kNodeMode;
+    if (operation == PathOp::kList) return -ENOTDIR;
+    return operation == PathOp::kMakeDir ? -EEXIST : -EPERM;
 }
 
 bool writes_data(Op op) { return op == Op::kWrite; }
@@ -117,7 +130,9 @@ int Unit::find_target(const Request &request, Target &target) {
     target.open = &found->second;
     target.node = found->second.node;
     target.chip = found->second.chip;
-    return 0;
+    if (request.op != Op::kIoctl) return 0;
+    target.spec = find_spec(*target.node, request.code);
+    return has_right_size(target.spec, request.in) ? 0 : -EFAULT;
 }
 
 std::string_view Unit::path_of(const Target &target) const {
@@ -129,15 +144,15 @@ void Unit::arrive(Request &request, const Target &target) {
     Waiting &waiting = request.waiting;
     waiting.started_ms = now_us() / 1000;
     if (faults_.empty() || target.chip == nullptr) return;
-    const char *name = request.op == Op::kIoctl ? request_name(*target.node, request.code) : "";
     const RequestView view{target.chip->number(), path_of(target), operation_name(request.op, request.code),
-                           name, request.code};
+                           target.request_name(), request.code};
     for (Fault &fault : faults_) {
         if (!matches(fault, view) || !fault.strikes()) continue;
         if (fault.action == FaultAction::kFail) waiting.error = static_cast<int>(fault.argument);
         if (fault.action == FaultAction::kDelay) waiting.hold_until_ms = waiting.started_ms + fault.argument;
         if (fault.action == FaultAction::kShort) waiting.short_bytes = fault.argument;
-        if (fault.action == FaultAction::kFlip) waiting.flips = fault.flips;
+        if (fault.action == FaultAction::kFlip)
+            waiting.flips.insert(waiting.flips.end(), fault.flips.begin(), fault.flips.end());
     }
     if (!writes_data(request.op)) return;
     flip_bits(waiting.flips, request.in);
@@ -300,45 +315,40 @@ void Unit::map_to_host(const Request &request, Reply &reply, const Target &targe
 }
 
 void Unit::do_path(const Request &request, Reply &reply, const Target &target) {
-    switch (static_cast<PathOp>(request.code)) {
+    const auto operation = static_cast<PathOp>(request.code);
+    switch (operation) {
         case PathOp::kUnmount:
         case PathOp::kRun:
         case PathOp::kReboot:
-            ask_machine(request, reply, target);
-            return;
-        case PathOp::kList:
-            if (target.node != nullptr) break;
-            map_to_host(request, reply, target);
-            list_nodes(reply, target);
-            return;
+            return ask_machine(request, reply, target);
         case PathOp::kStat:
-            if (target.node != nullptr) {
-                reply.value = S_IFCHR | 0660;
-                return;
-            }
-            map_to_host(request, reply, target);
-            return;
-        case PathOp::kRename: {
-            const std::string to(request.in.begin(), request.in.end());
-            std::string host;
-            if (target.node != nullptr || target.chip->find_node(normal_path(to)) != nullptr) break;
-            map_to_host(request, reply, target);
-            if (reply.value == 0) reply.value = target.chip->tree().resolve(to, false, host);
-            reply.out.assign(host.begin(), host.end());
-            return;
-        }
+        case PathOp::kList:
         case PathOp::kMakeDir:
         case PathOp::kRemove:
-            if (target.node != nullptr) break;
-            map_to_host(request, reply, target);
-            return;
+        case PathOp::kRename:
+            break;
         default:
             reply.value = -ENOSYS;
             return;
     }
-    // What a node is not for.
-    const auto operation = static_cast<PathOp>(request.code);
-    reply.value = operation == PathOp::kList ? -ENOTDIR : operation == PathOp::kMakeDir ? -EEXIST : -EPERM;
+    if (target.node != nullptr) {
+        reply.value = node_answer(operation);
+        return;
+    }
+    map_to_host(request, reply, target);
+    if (operation == PathOp::kList) list_nodes(reply, target);
+    if (operation == PathOp::kRename && reply.value == 0) map_new_name(request, reply, target);
+}
+
+void Unit::map_new_name(const Request &request, Reply &reply, const Target &target) {
+    const std::string to(request.in.begin(), request.in.end());
+    if (target.chip->find_node(normal_path(to)) != nullptr) {
+        reply.value = -EPERM;
+        return;
+    }
+    std::string host;
+    reply.value = target.chip->tree().resolve(to, false, host);
+    reply.out.assign(host.begin(), host.end());
 }
 
 void Unit::list_nodes(Reply &reply, const Target &target) const {
@@ -350,7 +360,7 @@ void Unit::list_nodes(Reply &reply, const Target &target) const {
         const std::string entry = path.substr(folder.size(), slash - folder.size());
         if (entry == last || entry.size() > UINT8_MAX) continue;
         last = entry;
-        put_u32(reply.out, slash == std::string::npos ? S_IFCHR | 0660 : S_IFDIR | 0755);
+        put_u32(reply.out, slash == std::string::npos ? kNodeMode : S_IFDIR | 0755);
         reply.out.push_back(static_cast<uint8_t>(entry.size()));
         reply.out.insert(reply.out.end(), entry.begin(), entry.end());
     }
@@ -469,14 +479,13 @@ void Unit::load_device(Chip &chip, Node &node) const {
 void Unit::trace(const Request &request, const Reply &reply, const Target &target) const {
     const auto client = clients_.find(request.client);
     const bool known = client != clients_.end();
-    const bool is_ioctl = request.op == Op::kIoctl && target.node != nullptr;
     const TraceEntry entry{.time_us = now_us(),
                            .chip = target.chip != nullptr ? target.chip->number() : request.chip,
                            .pid = known ? client->second.pid : 0,
                            .process = known ? std::string_view(client->second.process) : "",
                            .node = path_of(target),
                            .operation = operation_name(request.op, request.code),
-                           .request_name = is_ioctl ? request_name(*target.node, request.code) : ""};
+                           .request_name = target.request_name()};
     const std::string line = trace_line(entry, request, reply) + "\n";
     std::fwrite(line.data(), 1, line.size(), trace_);
     std::fflush(trace_);

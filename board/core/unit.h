@@ -36,9 +36,10 @@ public:
     void add_fault(std::string_view text) { faults_.push_back(parse_fault(text)); }
     void clear_faults() { faults_.clear(); }
     void trace_to(std::FILE *file) { trace_ = file; }
-    Answer poke(uint32_t chip, std::string_view node, const std::vector<std::string> &words);
+    Answer poke(uint32_t number, std::string_view node, const std::vector<std::string> &words);
     std::vector<std::string> take_misuses();
     std::vector<std::string> take_events();
+    bool has_power() const { return !powerless_; }
     void power_on();
     void save() const;
     void show(Report &report) const;
@@ -71,10 +72,11 @@ private:
     // What a request is about.
     struct Target {
         Chip *chip = nullptr;
-        Node *node = nullptr;  // nullptr: a file, or nothing
-        Open *open = nullptr;  // of requests on a handle
-        std::string path;      // of requests on a path: normal
-        const char *request_name = "";
+        Node *node = nullptr;               // nullptr: a file, or nothing
+        Open *open = nullptr;               // of requests on a handle
+        std::string path;                   // of requests on a path: normal
+        const RequestSpec *spec = nullptr;  // of an ioctl that the device's class knows
+        const char *request_name() const { return spec != nullptr ? spec->name : ""; }
     };
 
     int find_target(const Request &request, Target &target);
@@ -86,6 +88,7 @@ private:
     void open_path(const Request &request, Reply &reply, const Target &target);
     void do_path(const Request &request, Reply &reply, const Target &target);
     void map_to_host(const Request &request, Reply &reply, const Target &target);
+    void map_new_name(const Request &request, Reply &reply, const Target &target);
     void list_nodes(Reply &reply, const Target &target) const;
     void ask_machine(const Request &request, Reply &reply, const Target &target);
     void close_handle(uint32_t handle);

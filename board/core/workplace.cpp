@@ -58,6 +58,8 @@ Workplace::Workplace(const std::string &dir) : owner_(::getpid()), run_dir_(make
     }
 }
 
+bool Workplace::keeps_content() const { return lock_fd_ >= 0 && ::getpid() == owner_; }
+
 Workplace::~Workplace() {
     if (lock_fd_ >= 0) ::close(lock_fd_);
     if (::getpid() != owner_) return;

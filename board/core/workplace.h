@@ -18,6 +18,8 @@ public:
     Workplace &operator=(const Workplace &) = delete;
 
     const std::string &content_dir() const { return content_dir_; }
+    // Whether the content outlives this board, and this is not a forked child with a copy of it.
+    bool keeps_content() const;
     // Sockets and the list of System V objects. Always temporary: the names of sockets must be short.
     const std::string &run_dir() const { return run_dir_; }
 

@@ -77,14 +77,15 @@ void join_from_environment() {
     uint32_t chip = 0;
     std::string error = "QELBOARD_CHIP is not the number of a chip";
     std::unique_ptr<Link> link;
+    // Before the server asks who comes.
+    const char *name = getenv("QELBOARD_AS");
+    if (name != nullptr && *name != '\0') take_process_name(name);
     if (chip_from_environment(chip)) link = connect_to_server(socket_path, chip, error);
     if (link == nullptr) {
         fprintf(stderr, "libqelboard: cannot join the board at %s: %s\n", socket_path, error.c_str());
         g_complained = true;
         return;
     }
-    const char *name = getenv("QELBOARD_AS");
-    if (name != nullptr && *name != '\0') take_process_name(name);
     set_link(link.release());  // for the life of the process
 }
 

@@ -52,7 +52,6 @@ struct Watch final : HandleState {
     struct Wanted {
         uint32_t edges = QEL_GPIO_EDGE_NONE;
         uint32_t kept = 0;
-        uint32_t lost = 0;
     };
     std::map<uint32_t, Wanted> lines;
     std::deque<Edge> kept;  // of all lines, the oldest first
@@ -78,10 +77,9 @@ void Watch::keep(uint32_t line, uint32_t edge, uint64_t timestamp_us) {
     const auto wanted = lines.find(line);
     if (wanted == lines.end() || (wanted->second.edges & edge) == 0) return;
     if (wanted->second.kept == QEL_GPIO_EDGE_QUEUE) {
-        take(oldest(line));
-        ++wanted->second.lost;
         // The loss is told by the edge that is now the oldest.
-        oldest(line)->lost = wanted->second.lost;
+        const Edge dropped = take(oldest(line));
+        oldest(line)->lost = dropped.lost + 1;
     }
     ++wanted->second.kept;
     kept.push_back({line, edge, 0, timestamp_us});
@@ -214,11 +212,9 @@ Answer Gpio::wait_edge(Handle &handle, Bytes in) {
 
 Answer Gpio::ioctl(Handle &handle, uint32_t request, Bytes in) {
     if (request == QEL_GPIO_GET_COUNT) return Answer::ok(0, u32_record(static_cast<uint32_t>(lines_.size())));
-    if (request == QEL_GPIO_WAIT_EDGE)
-        return in.size() == kEdgeBytes ? wait_edge(handle, in) : Answer::fail(EFAULT);
+    if (request == QEL_GPIO_WAIT_EDGE) return wait_edge(handle, in);
     const auto known = [=](const RequestSpec &spec) { return spec.code == request; };
     if (std::none_of(std::begin(kRequests), std::end(kRequests), known)) return Answer::fail(ENOTTY);
-    if (in.size() != kLineBytes) return Answer::fail(EFAULT);
     const uint32_t number = get_u32(in, 0);
     const uint32_t value = get_u32(in, 4);
     if (number >= lines_.size()) return Answer::fail(EINVAL);

@@ -6,14 +6,11 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
-#include <string_view>
 #include <vector>
 
 #include "board/net/wire.h"
@@ -99,7 +96,7 @@ private:
     std::unique_ptr<Connection> take();
     void give_back(std::unique_ptr<Connection> connection, bool usable);
     std::unique_ptr<Connection> add_connection(wire::Joined &joined, std::string &error);
-    int ask(Connection &connection, const Request &request, Reply &reply, int &device);
+    int ask(Connection &connection, Request &request, Reply &reply, int &device);
     int await_reply(Connection &connection);
     void perform(Request &request, Reply &reply, int &device);
     void report_lost(const std::string &why);
@@ -231,22 +228,27 @@ int SocketLink::await_reply(Connection &connection) {
     return exchange(connection.socket.get(), connection.out, connection.in);
 }
 
-int SocketLink::ask(Connection &connection, const Request &request, Reply &reply, int &device) {
+int SocketLink::ask(Connection &connection, Request &request, Reply &reply, int &device) {
     if (request.path.size() > wire::kTextBytes) {
         reply.value = -ENAMETOOLONG;
         return 0;
     }
+    if (request.op == Op::kWrite && request.in.size() > wire::kPayloadBytes)
+        request.in.resize(wire::kPayloadBytes);
     if (!wire::put_request(connection.out, ++connection.sequence, request)) {
         reply.value = -ENOMEM;
         return 0;
     }
     int error = send_packet(connection.socket.get(), connection.out);
+    connection.out.descriptors.clear();
     if (error == 0) error = await_reply(connection);
     if (error != 0) return error;
     wire::Reader reader(connection.in);
     const wire::Head head = wire::read_head(reader);
-    const bool fits = head.kind == wire::Kind::kReply && head.sequence == connection.sequence;
-    return fits && wire::get_reply(reader, reply, device) ? 0 : -EPROTO;
+    const bool fits = head.kind == wire::Kind::kReply && head.sequence == connection.sequence &&
+                      wire::get_reply(reader, reply, device);
+    connection.in.descriptors.clear();
+    return fits ? 0 : -EPROTO;
 }
 
 void SocketLink::perform(Request &request, Reply &reply, int &device) {
@@ -297,18 +299,6 @@ std::unique_ptr<Link> connect_to_server(const std::string &socket_path, uint32_t
     auto link = std::make_unique<SocketLink>(socket_path, chip);
     if (!link->start(error)) return nullptr;
     return link;
-}
-
-std::unique_ptr<Link> connect_to_server(const char *socket_path, std::string &error) {
-    const char *text = getenv("QELBOARD_CHIP");
-    const std::string_view digits = text != nullptr && *text != 0 ? text : "0";
-    uint32_t chip = 0;
-    const auto [end, problem] = std::from_chars(digits.data(), digits.data() + digits.size(), chip);
-    if (problem != std::errc{} || end != digits.data() + digits.size()) {
-        error = "QELBOARD_CHIP is no chip number: " + std::string(digits);
-        return nullptr;
-    }
-    return connect_to_server(std::string(socket_path), chip, error);
 }
 
 std::unique_ptr<ControlLink> ControlLink::connect(const std::string &socket_path, std::string &error) {

@@ -17,11 +17,10 @@ namespace qel::board {
 // call() and open() use a connection that is theirs alone until the answer is there, so a request
 // that blocks holds up no other thread. A signal whose handler ran without SA_RESTART withdraws the
 // request: it ends with -EINTR, or with its result when the device was faster. A child after fork()
-// uses its parent's descriptors on and is a client of its own. When the server is gone every request
+// uses its parent's descriptors on and is a client of its own. One call writes or reads 64 MiB at the
+// most. When the server is gone every request
 // ends with -ENODEV. A reply that says the power was cut ends the process with SIGKILL.
 std::unique_ptr<Link> connect_to_server(const std::string &socket_path, uint32_t chip, std::string &error);
-// The same on the chip that QELBOARD_CHIP in the environment names, 0 when missing.
-std::unique_ptr<Link> connect_to_server(const char *socket_path, std::string &error);
 
 // Commands to a running server: what the server understands stands in server.h.
 class ControlLink {

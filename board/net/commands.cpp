@@ -105,6 +105,7 @@ bool Commands::poke(const Words &words, std::string &text) {
     }
     const Answer answer = board_.poke(chip, words[1], {words.begin() + 2, words.end()});
     text.assign(answer.data.begin(), answer.data.end());
+    if (answer.value >= 0 && text.empty()) text = std::to_string(answer.value);
     if (answer.value >= 0) return true;
     if (text.empty()) text = words[1] + " answers: " + strerror(static_cast<int>(-answer.value));
     return false;
@@ -137,8 +138,10 @@ bool Commands::misuses(const Words &, std::string &text) {
     return true;
 }
 
-bool Commands::power_on(const Words &, std::string &) {
+bool Commands::power_on(const Words &, std::string &text) {
+    if (board_.has_power()) return true;
     board_.power_on();
+    text = "the power is on again\n";
     return true;
 }
 

@@ -74,6 +74,7 @@ struct Server::Impl {
     Commands commands_;
     const std::string path_;
     const uint64_t fingerprint_ = class_fingerprint();
+    const int64_t time_scale_ = std::max<int64_t>(board_.welcome(0).time_scale, 1);
     UniqueFd listener_;
     UniqueFd epoll_;
     UniqueFd waker_;
@@ -96,7 +97,6 @@ struct Server::Impl {
     Notes notes_ QEL_GUARDED_BY(notes_mutex_);
     std::thread::id loop_thread_ QEL_GUARDED_BY(notes_mutex_);
 
-private:
     void note(uint32_t handle, bool changed);
     bool put_tokens();
     void follow_notes();
@@ -108,6 +108,7 @@ private:
     void turn_one_away();
     Connection &add_connection(UniqueFd socket, State state);
     void drop(Connection &connection);
+    void close_handle(uint32_t client, uint32_t handle);
     void release(Connection &connection);
     void leave_client(uint32_t client);
 
@@ -255,9 +256,8 @@ int Server::Impl::wait_ms() const {
         if (deadline_ms >= 0 && (first_ms < 0 || deadline_ms < first_ms)) first_ms = deadline_ms;
     }
     if (first_ms < 0) return -1;
-    const int64_t scale = std::max<int64_t>(board_.welcome(0).time_scale, 1);
     const int64_t left_ms = std::max<int64_t>(first_ms - board_.now_ms(), 0);
-    return static_cast<int>(std::min<int64_t>((left_ms + scale - 1) / scale, 60'000));
+    return static_cast<int>(std::min<int64_t>((left_ms + time_scale_ - 1) / time_scale_, 60'000));
 }
 
 // ---- Connections -------------------------------------------------------------------------------
@@ -301,20 +301,27 @@ void Server::Impl::drop(Connection &connection) {
     }
     if (connection.state == State::kDevice) {
         devices_.erase(connection.handle);
-        Request close;
-        close.op = Op::kClose;
-        close.client = connection.client;
-        close.chip = clients_.at(connection.client).chip;
-        close.handle = connection.handle;
-        Reply ignored;
-        int64_t deadline_ms = -1;
-        board_.execute(close, ignored, deadline_ms);
+        close_handle(connection.client, connection.handle);
     }
     release(connection);
     const bool counts = connection.state == State::kDevice || connection.state == State::kRequests;
     const uint32_t client = connection.client;
     connections_.erase(connection.number);
     if (counts) leave_client(client);
+}
+
+// The descriptor is gone already: a fault may fail or delay the closing, but not prevent it.
+void Server::Impl::close_handle(uint32_t client, uint32_t handle) {
+    Request close;
+    close.op = Op::kClose;
+    close.client = client;
+    close.chip = clients_.at(client).chip;
+    close.handle = handle;
+    Reply ignored;
+    int64_t deadline_ms = -1;
+    if (board_.execute(close, ignored, deadline_ms)) return;
+    close.waiting.hold_until_ms = -1;
+    board_.execute(close, ignored, deadline_ms);
 }
 
 void Server::Impl::release(Connection &connection) {
@@ -334,7 +341,9 @@ void Server::Impl::accuse(const Connection &connection, const char *what) {
 
 bool Server::Impl::send(const Connection &connection) {
     // A process that does not take its answers would fill the socket: it is dropped, nobody waits for it.
-    return send_packet(connection.socket.get(), out_, MSG_DONTWAIT) == 0;
+    const bool sent = send_packet(connection.socket.get(), out_, MSG_DONTWAIT) == 0;
+    out_.descriptors.clear();  // the process alone holds its device open from now on
+    return sent;
 }
 
 // ---- Packets -----------------------------------------------------------------------------------
@@ -352,6 +361,7 @@ void Server::Impl::serve(Connection &connection) {
         if (error == -EMSGSIZE) accuse(connection, "too large");
         drop(connection);
     }
+    in_.descriptors.clear();
     follow_notes();
 }
 
@@ -375,9 +385,7 @@ void Server::Impl::handle_packet(Connection &connection) {
 
 std::string Server::Impl::why_not(const wire::Hello &hello, uint32_t version, bool readable) const {
     if (version != wire::kVersion || (readable && hello.fingerprint != fingerprint_))
-        return "the board is served by another version of libqelboard; use the qelboard and the "
-               "libqelboard.so "
-               "of one build";
+        return "the board is served by another build of qelboard than this libqelboard.so; use those of one";
     if (!readable) return "not understood";
     if (hello.chip >= board_.chip_count())
         return "board " + board_.name() + " has no chip " + std::to_string(hello.chip) +
@@ -433,6 +441,7 @@ bool Server::Impl::control(Connection &connection, wire::Reader &reader) {
     } else {
         ok = commands_.run(words, text);
     }
+    changed_ = put_tokens() || changed_;  // a poke is over when it shows
     return wire::put_control_reply(out_, ok, text) && send(connection);
 }
 
@@ -480,8 +489,6 @@ bool Server::Impl::try_request(Connection &connection) {
 }
 
 bool Server::Impl::send_reply(Connection &connection) {
-    // Another thread may have made the device readable: the token that is to be taken off must be there.
-    if (reply_.drained) changed_ = put_tokens() || changed_;
     int device = -1;
     const bool opened = connection.request.op == Op::kOpen && reply_.value >= 0 &&
                         (reply_.opened == Opened::kDevice || reply_.opened == Opened::kTty);
@@ -489,6 +496,8 @@ bool Server::Impl::send_reply(Connection &connection) {
         reply_ = {};
         reply_.value = -ENFILE;
     }
+    // First the tokens: what the answer made readable must poll so, what it drained must be there.
+    changed_ = put_tokens() || changed_;
     if (!wire::put_reply(out_, connection.sequence, reply_, device)) {
         Reply failed;
         failed.value = -ENOMEM;
@@ -505,14 +514,7 @@ int Server::Impl::add_device(const Connection &opener) {
         ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()) == 0;
     const uint32_t handle = reply_.handle;
     if (!made) {
-        Request close;
-        close.op = Op::kClose;
-        close.client = opener.client;
-        close.chip = opener.request.chip;
-        close.handle = handle;
-        Reply ignored;
-        int64_t deadline_ms = -1;
-        board_.execute(close, ignored, deadline_ms);
+        close_handle(opener.client, handle);
         return -1;
     }
     Connection &device = add_connection(UniqueFd(ends[1]), State::kDevice);

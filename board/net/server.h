@@ -19,12 +19,12 @@ namespace qel::board {
 //     fault TEXT...            adds faults (grammar in board/core/fault.h)
 //     clear-faults
 //     trace PATH | trace       appends every request to a file of the server's; no path: stops
-//     poke CHIP NODE WORDS...  what the device understands
+//     poke CHIP NODE WORDS...  what the device understands; answers its bytes, or else its number
 //     show [json]
 //     info                     name, chips, time scale and the folder of the sockets, one per line
 //     events                   what the software asked of the machine since the last question
 //     misuses                  what it did wrong to its devices since the last question
-//     power-on                 after a power cut
+//     power-on                 after a power cut; answers nothing when the power was on
 //     save                     device contents to the board's folder
 //     hold                     the server stays while this connection does (see stop_when_unused)
 //     release                  undoes hold; answers how many others hold it

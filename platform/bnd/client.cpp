@@ -22,9 +22,10 @@ using platform::Fd;
 using platform::Lock;
 using platform::Mutex;
 
-// Requests that may wait for their answers at once; the oldest is forgotten.
-constexpr unsigned kRequests = 64;
-constexpr unsigned kKeptReplies = 16;
+// Threads that may wait for answers at once; the one that asked longest ago is forgotten.
+constexpr unsigned kThreads = 64;
+// Answers that one thread read for others; one too many is lost, as if it had never come.
+constexpr unsigned kKeptReplies = 64;
 constexpr int64_t kFullQueueRetryRealMs = 1;
 
 struct Connection {
@@ -33,6 +34,7 @@ struct Connection {
     pid_t process = 0;  // a child made by fork() must not answer for its parent
 };
 
+// The last request of a thread.
 struct Request {
     pthread_t thread;
     uint32_t sequence;
@@ -41,6 +43,7 @@ struct Request {
 };
 
 struct Reply {
+    uint32_t arrival = 0;
     uint32_t sequence = 0;
     uint32_t bytes = 0;
     bool refused = false;
@@ -64,6 +67,7 @@ private:
     void drop_locked() QEL_REQUIRES(mutex_);
     void tell_others();
     const Request *request_of_caller() const QEL_REQUIRES(mutex_);
+    void remember(const Request &request) QEL_REQUIRES(mutex_);
     bool awaited(uint32_t sequence) const QEL_REQUIRES(mutex_);
     bool take_kept(uint32_t sequence, BinderRecord *record, int *status) QEL_REQUIRES(mutex_);
     void keep(const Header &header) QEL_REQUIRES(mutex_);
@@ -76,11 +80,10 @@ private:
     std::shared_ptr<Connection> connection_ QEL_GUARDED_BY(mutex_);
     uint32_t connections_made_ QEL_GUARDED_BY(mutex_) = 0;
     uint32_t last_sequence_ QEL_GUARDED_BY(mutex_) = 0;
-    unsigned next_request_ QEL_GUARDED_BY(mutex_) = 0;
-    unsigned next_kept_ QEL_GUARDED_BY(mutex_) = 0;
+    uint32_t arrivals_ QEL_GUARDED_BY(mutex_) = 0;
     bool reading_ QEL_GUARDED_BY(mutex_) = false;
     bool closed_ QEL_GUARDED_BY(mutex_) = false;
-    Request requests_[kRequests] QEL_GUARDED_BY(mutex_) = {};
+    Request requests_[kThreads] QEL_GUARDED_BY(mutex_) = {};
     Reply kept_[kKeptReplies] QEL_GUARDED_BY(mutex_);
     std::atomic<uint32_t> changed_{0};
     uint8_t incoming_[BND_MAX_BYTES];  // the reading thread's
@@ -137,8 +140,7 @@ int Client::send(const BinderRecord &record, Deadline deadline) {
         connection = connection_;
         header.sequence = ++last_sequence_;
         if (wants_reply) {
-            requests_[next_request_] = {pthread_self(), header.sequence, connection->number, true};
-            next_request_ = (next_request_ + 1) % kRequests;
+            remember({pthread_self(), header.sequence, connection->number, true});
         }
     }
     const platform::Packet packet{&header, sizeof header, record.buf, record.sendLen};
@@ -165,13 +167,25 @@ void Client::tell_others() {
     platform::futex_wake(&changed_, INT_MAX, platform::Scope::kProcess);
 }
 
-// The last one the calling thread made.
 const Request *Client::request_of_caller() const {
-    for (unsigned back = 1; back <= kRequests; ++back) {
-        const Request &request = requests_[(next_request_ + kRequests - back) % kRequests];
+    for (const Request &request : requests_) {
         if (request.valid && pthread_equal(request.thread, pthread_self()) != 0) return &request;
     }
     return nullptr;
+}
+
+// In the place of the thread's request before, else in a free one, else in the oldest's.
+void Client::remember(const Request &request) {
+    Request *place = &requests_[0];
+    for (Request &other : requests_) {
+        if (other.valid && pthread_equal(other.thread, request.thread) != 0) {
+            other = request;
+            return;
+        }
+        const bool older = static_cast<int32_t>(other.sequence - place->sequence) < 0;
+        if (place->valid && (!other.valid || older)) place = &other;
+    }
+    *place = request;
 }
 
 bool Client::awaited(uint32_t sequence) const {
@@ -181,29 +195,34 @@ bool Client::awaited(uint32_t sequence) const {
     return false;
 }
 
+// The one that came first, should there be several.
 bool Client::take_kept(uint32_t sequence, BinderRecord *record, int *status) {
-    for (unsigned i = 0; i < kKeptReplies; ++i) {
-        Reply &reply = kept_[(next_kept_ + i) % kKeptReplies];  // the oldest first
+    Reply *first = nullptr;
+    for (Reply &reply : kept_) {
         if (!reply.kept || reply.sequence != sequence) continue;
-        *status = deliver(reply.bytes, reply.refused, reply.payload.get(), record);
-        reply = Reply();
-        return true;
+        if (first == nullptr || static_cast<int32_t>(reply.arrival - first->arrival) < 0) first = &reply;
     }
-    return false;
+    if (first == nullptr) return false;
+    *status = deliver(first->bytes, first->refused, first->payload.get(), record);
+    *first = Reply();
+    return true;
 }
 
 void Client::keep(const Header &header) {
     if (!awaited(header.sequence)) return;
-    Reply &reply = kept_[next_kept_];
-    next_kept_ = (next_kept_ + 1) % kKeptReplies;
-    reply = Reply();
-    reply.payload.reset(new (std::nothrow) uint8_t[header.length + 1]);
-    if (reply.payload == nullptr) return;
-    memcpy(reply.payload.get(), incoming_, header.length);
-    reply.sequence = header.sequence;
-    reply.bytes = header.length;
-    reply.refused = (header.flags & kRefused) != 0;
-    reply.kept = true;
+    for (Reply &reply : kept_) {
+        if (reply.kept && awaited(reply.sequence)) continue;
+        reply = Reply();
+        reply.payload.reset(new (std::nothrow) uint8_t[header.length + 1]);
+        if (reply.payload == nullptr) return;
+        memcpy(reply.payload.get(), incoming_, header.length);
+        reply.arrival = ++arrivals_;
+        reply.sequence = header.sequence;
+        reply.bytes = header.length;
+        reply.refused = (header.flags & kRefused) != 0;
+        reply.kept = true;
+        return;
+    }
 }
 
 int Client::read_one(const std::shared_ptr<Connection> &connection, uint32_t sequence, BinderRecord *record,
@@ -258,10 +277,11 @@ int Client::get(BinderRecord *record, Deadline deadline) {
             continue;
         }
         int status = 0;
-        const int outcome = read_one(connection, sequence, record, deadline, &status);
+        int outcome = read_one(connection, sequence, record, deadline, &status);
         {
             const Lock lock(mutex_);
             reading_ = false;
+            if (closed_ && outcome < 0) outcome = BND_EFAIL;  // we ended the connection, not the daemon
         }
         tell_others();
         if (outcome != 0) return outcome > 0 ? status : outcome;

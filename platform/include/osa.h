@@ -126,11 +126,13 @@ void OSA_sleepMs(unsigned ms);
 uint64_t OSA_timeMs(void); /* monotonic, in the world's milliseconds */
 
 /*
- * Reference library only: sends every line to `sink` instead of the standard error stream, NULL to
- * stop. The level filter does not apply to a sink. `line` is the formatted text.
+ * Reference library only: sends every line to `new_sink` instead of the standard error stream, NULL to
+ * stop. The level filter does not apply to a sink. `line` is the formatted text. Once the call has
+ * returned no thread is inside the sink before. A sink does not call OSA_logSetSink; what it logs
+ * itself goes to the standard error stream.
  */
 typedef void (*OSA_LogSink)(void *context, int level, int attribute, const char *line);
-void OSA_logSetSink(OSA_LogSink sink, void *context);
+void OSA_logSetSink(OSA_LogSink new_sink, void *context);
 
 #pragma GCC visibility pop
 

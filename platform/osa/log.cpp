@@ -143,8 +143,9 @@ void deliver(int level, int attribute, const char *text, size_t bytes) {
 }
 
 // Apart from the entry, which stays as small as a filtered-out call deserves.
-[[gnu::noinline, gnu::cold]] int format_and_deliver(int level, int attribute, const char *format,
-                                                    va_list arguments) {
+[[gnu::noinline, gnu::cold, gnu::format(printf, 3, 0)]] int format_and_deliver(int level, int attribute,
+                                                                               const char *format,
+                                                                               va_list arguments) {
     if (format == nullptr) return OSA_EFAIL;
     const int saved_errno = errno;  // callers report it after they have logged
     char text[kStackLineBytes];
@@ -185,12 +186,12 @@ int OSA_logWrite(int level, int attribute, const char *format, ...) {
     return status;
 }
 
-void OSA_logSetSink(OSA_LogSink call, void *context) {
+void OSA_logSetSink(OSA_LogSink new_sink, void *context) {
     using namespace qel::osa;
     read_log_settings();
     pthread_rwlock_wrlock(&sink_lock);
-    sink = {call, context};
-    shown_up_to.store(call != nullptr ? kEverything : chosen_level.load(std::memory_order_relaxed));
+    sink = {new_sink, context};
+    shown_up_to.store(new_sink != nullptr ? kEverything : chosen_level.load(std::memory_order_relaxed));
     pthread_rwlock_unlock(&sink_lock);
 }
 

@@ -17,7 +17,7 @@ using platform::Scope;
 namespace {
 
 // Below this even a log line with its buffers would not fit.
-constexpr size_t kMinStackBytes = 64 * 1024;
+constexpr size_t kMinStackBytes = size_t{64} * 1024;
 // A thread that was about to sleep when it was asked to end is woken again after this time.
 constexpr int64_t kStopRetryRealMs = 2;
 

@@ -1,5 +1,4 @@
 // api.cpp - the exported calls: check what comes in, find the channel, call it.
-#include <cstdio>
 #include <cstring>
 
 #include "platform/common/handles.h"
@@ -8,10 +7,6 @@
 #include "platform/xcc/layout.h"
 
 namespace qel::xcc {
-
-void meeting_name(int32_t process_id, uint32_t chip, const char *channel, char *out, size_t out_bytes) {
-    snprintf(out, out_bytes, "xcc%d-%u-%.*s", process_id, chip, XCC_NAME_BYTES - 1, channel);
-}
 
 namespace {
 

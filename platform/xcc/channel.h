@@ -34,7 +34,4 @@ struct Identity {
 std::shared_ptr<Channel> make_master_channel(const Identity &own);
 std::shared_ptr<Channel> make_slave_channel(const Identity &own);
 
-// The name at which a slave's channel is met.
-void meeting_name(int32_t process_id, uint32_t chip, const char *channel, char *out, size_t out_bytes);
-
 }  // namespace qel::xcc

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "platform/include/xcc.h"
 
@@ -65,6 +66,12 @@ static_assert(sizeof(Slot) == 64 && offsetof(Control, room_bell) == 64 && offset
 
 constexpr uint32_t kRegionOffset = 8192;
 static_assert(sizeof(Control) <= kRegionOffset);
+
+// The name at which a slave's channel is met.
+inline void meeting_name(int32_t process_id, uint32_t chip, const char *channel, char *out,
+                         size_t out_bytes) {
+    snprintf(out, out_bytes, "xcc%d-%u-%.*s", process_id, chip, XCC_NAME_BYTES - 1, channel);
+}
 
 // Master to slave, with the memory's descriptor.
 struct Hello {

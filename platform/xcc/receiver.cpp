@@ -69,6 +69,7 @@ int Receiver::give_back(const XCC_BufInfo &message, bool answer) {
         --held_count_;
     }
     Slot &shared = memory_.control().slots[slot];
+    const bool was_lost = is_lost();
     uint32_t state = kTaken;
     const uint32_t result = answer ? kAnswered : kReturned;
     if (!shared.state.compare_exchange_strong(state, result)) {
@@ -76,7 +77,7 @@ int Receiver::give_back(const XCC_BufInfo &message, bool answer) {
         return answer ? XCC_EPEER : 0;
     }
     tell_master(shared, result);
-    return answer && is_lost() ? XCC_EPEER : 0;
+    return answer && was_lost ? XCC_EPEER : 0;
 }
 
 // Only this side still moves the slot.

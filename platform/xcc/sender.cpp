@@ -149,8 +149,10 @@ bool Sender::post(uint32_t slot, bool wants_answer) {
 
 int Sender::await(const Reservation &own, void *answer, Deadline deadline, bool *seen) {
     Slot &shared = memory_.control().slots[own.slot];
-    uint32_t state = shared.state.load(std::memory_order_acquire);
-    if (!is_final(state)) shared.sleeping.store(1);
+    uint32_t state = kFree;
+    if (!spinner_.spin([&] { return is_final(shared.state.load(std::memory_order_acquire)); })) {
+        shared.sleeping.store(1);
+    }
     while (!is_final(state = shared.state.load())) {
         if (platform::futex_wait(&shared.state, state, deadline, Scope::kMachine)) continue;
         if (advance(shared, kPosted, kWithdrawn) || advance(shared, kTaken, kAbandoned)) {

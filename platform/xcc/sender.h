@@ -3,6 +3,7 @@
 
 #include "platform/common/mutex.h"
 #include "platform/xcc/link.h"
+#include "platform/xcc/spinner.h"
 
 namespace qel::xcc {
 
@@ -46,6 +47,7 @@ private:
 
     const Memory memory_;
     const Peer peer_;
+    Spinner spinner_;
     platform::Mutex mutex_;
     bool lost_ QEL_GUARDED_BY(mutex_) = false;
     uint64_t used_ QEL_GUARDED_BY(mutex_) = 0;      // one bit for each slot

@@ -38,6 +38,7 @@ private:
     int give_back(const XCC_BufInfo &message, bool answer);
     void prune() QEL_REQUIRES(mutex_);
     Meeting newest();
+    bool has_met(uint32_t meetings_before);
     bool is_bound();
     bool accepts(const Hello &hello) QEL_REQUIRES(mutex_);
     void greet_one();
@@ -77,17 +78,19 @@ int SlaveChannel::start_listening(Deadline deadline) {
 
 int SlaveChannel::bind(const XCC_BindParams &peer, Deadline deadline) {
     if (peer.processId != own_.process_id || peer.peerChip == own_.chip) return XCC_EFAIL;
+    uint32_t meetings_before = 0;
     {
         const Lock lock(mutex_);
         bound_ = true;
         peer_ = peer;
+        meetings_before = meetings_made_;
     }
     const int status = start_listening(deadline);
     if (status != 0) return status;
     for (;;) {
         const uint32_t seen = changed_.seen();
         if (!is_bound()) return XCC_EFAIL;
-        if (newest() != nullptr) return 0;
+        if (has_met(meetings_before)) return 0;
         if (!changed_.wait(seen, deadline)) return XCC_ETIMEOUT;
     }
 }
@@ -95,6 +98,12 @@ int SlaveChannel::bind(const XCC_BindParams &peer, Deadline deadline) {
 bool SlaveChannel::is_bound() {
     const Lock lock(mutex_);
     return bound_;
+}
+
+// A master that came and went meanwhile counts: what it sent can be got.
+bool SlaveChannel::has_met(uint32_t meetings_before) {
+    const Lock lock(mutex_);
+    return meetings_made_ != meetings_before || (!meetings_.empty() && !meetings_.back()->is_lost());
 }
 
 // The master that lives, if one does.

@@ -7,6 +7,7 @@
 set -euo pipefail
 readonly objects=$1/libqel/CMakeFiles/qel_objects.dir/__
 cd "$(dirname "$0")/../.."
+source tests/checks/inclusions.sh
 
 # What the modules get from os/ or from the layers below it, and never from libc themselves.
 readonly kernel="
@@ -71,22 +72,6 @@ layers() {
 # The composition root names every module.
 readonly may_include_all="frame/startup.cpp"
 
-# Every inclusion of an own header in these folders, as "FILE HEADER" with paths from the top.
-inclusions() {
-    local file header folder
-    git ls-files -co --exclude-standard -- include os frame product storage comm upgrade ptz video system platform board tools examples |
-        grep -E '\.(cpp|c|h)$' | while IFS= read -r file; do
-        sed -n 's/^ *# *include *["<]\([^">]*\)[">].*/\1/p' "$file" | while IFS= read -r header; do
-            for folder in "" include/ platform/include/ "${file%/*}/"; do
-                if [[ -f $folder$header ]]; then
-                    echo "$file $folder$header"
-                    break
-                fi
-            done
-        done
-    done
-}
-
 check_layers() {
     awk -v root="$may_include_all" '
         NR == FNR { for (i = 2; i <= NF; ++i) may[$1, $i] = 1; known[$1] = 1; next }
@@ -101,11 +86,13 @@ check_layers() {
         }' <(layers) <(inclusions)
 }
 
-# A source and its header are one: two of them that need each other are a circle too.
+# In the library a source and its header are one: two modules that need each other are a circle too.
 check_circles() {
-    inclusions | sed -E 's/\.(cpp|c|h)( |$)/\2/g' | awk -v root="${may_include_all%.cpp}" '$1 != $2 && $1 != root' |
-        { tsort 2>&1 >/dev/null || true; } | sed -n 's/^tsort: //p' |
-        awk '/contains a loop/ { line = line sep "circle:"; sep = "\n"; next } { line = line " " $0 } END { if (line != "") print line }'
+    inclusions | grep -v "^$may_include_all " |
+        awk -v modules="^(os|${module// /|})/" '
+            { for (i = 1; i <= 2; ++i) if ($i ~ modules) sub(/\.(cpp|c|h)$/, "", $i) }
+            $1 != $2' |
+        { tsort 2>&1 >/dev/null || true; } | sed -n '/contains a loop/d; s/^tsort: /in a circle: /p'
 }
 
 door

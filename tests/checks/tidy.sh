@@ -1,38 +1,48 @@
 #!/usr/bin/env bash
-# tidy.sh BUILD - clang-tidy over our own sources, with the commands of BUILD (made by clang).
+# tidy.sh BUILD - clang, its thread-safety analysis and clang-tidy over our own sources, with the compile
+# commands of BUILD (configured for clang, it need not be built).
 #
 # A source that was found clean is not looked at again until it, one of our headers that it includes,
-# its compile command or .clang-tidy changes.
+# its compile command or a .clang-tidy changes.
 set -euo pipefail
 build=$(realpath "$1")
 cd "$(dirname "$0")/../.."
+source tests/checks/inclusions.sh
 top=$PWD
 readonly clean=$build/tidy
 mkdir -p "$clean"
 
-# "SOURCE FILE..." for every object: what ninja noted down when it compiled it, our own files only.
+# "SOURCE HEADER..." for every source of BUILD, with all headers of ours that it reaches.
 inputs() {
-    ninja -C "$build" -t deps | awk -v top="$top/" -v build="$build/" '
-        function flush() { if (line != "") print line; line = "" }
-        /^[^ ]/ { flush(); next }
-        NF == 1 {
-            file = $1
-            if (file !~ /^\//) file = build file
-            while (sub(/[^\/]+\/\.\.\//, "", file)) { }
-            if (index(file, top) == 1 && index(file, build) != 1) line = line (line == "" ? "" : " ") file
+    sed -n 's/^ *"file": "\(.*\)".*/\1/p' "$build/compile_commands.json" | sort -u | awk -v top="$top/" '
+        function reach(file,    list, count, i) {
+            if (file in seen) return
+            seen[file] = 1
+            line = line " " file
+            count = split(includes[file], list, " ")
+            for (i = 1; i <= count; ++i) reach(list[i])
         }
-        END { flush() }'
+        NR == FNR { includes[$1] = includes[$1] " " $2; next }
+        index($0, top) == 1 && index($0, top "build/") != 1 {
+            split("", seen)
+            line = ""
+            reach(substr($0, length(top) + 1))
+            print substr(line, 2)
+        }' <(inclusions) -
 }
 
 check_one() {
     local source=$1 mark
-    mark=$clean/$({ cat "$top/.clang-tidy" "$top/tests/.clang-tidy" "$@"; grep -F -B2 -A2 "\"file\": \"$source\"" "$build/compile_commands.json"; } | sha256sum | cut -c1-64)
+    mark=$clean/$({
+        cat .clang-tidy tests/.clang-tidy "$@"
+        grep -F -B2 "\"file\": \"$top/$source\"" "$build/compile_commands.json"
+    } | sha256sum | cut -c1-64)
     [[ ! -e $mark ]] || return 0
     if clang-tidy-14 --quiet -p "$build" "$source" 2>"$mark.err"; then
         rm "$mark.err"
         touch "$mark"
     else
-        grep -v 'warnings generated' "$mark.err" >&2 || true
+        grep -v 'warnings\? generated' "$mark.err" >&2 || true
         rm "$mark.err"
         return 1
     fi
@@ -41,4 +51,4 @@ export -f check_one
 export build clean top
 
 # shellcheck disable=SC2016  # expands in the shell that xargs starts
-inputs | sort -u | xargs -d '\n' -n 1 -P "$(nproc)" bash -c 'read -r -a files <<<"$1"; check_one "${files[@]}"' _
+inputs | xargs -d '\n' -n 1 -P "$(nproc)" bash -c 'read -r -a files <<<"$1"; check_one "${files[@]}"' _

@@ -8,6 +8,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "board/core/board.h"
@@ -25,14 +26,17 @@ Steps steps;
 
 int take(const char *name) {
     steps.taken.push_back(name);
-    if (steps.failing == name) return -1;
+    const bool fails = steps.failing == name;
+    const bool takes_down = std::string_view(name).find("De") != std::string_view::npos;
+    if (fails && !takes_down) return -1;
     int (*&own)() = steps.own[name];
     if (own == nullptr) {
         void *library = dlopen(QEL_LIB_DIR "/libqel.so.1", RTLD_NOW | RTLD_NOLOAD);
         own = reinterpret_cast<int (*)()>(dlsym(library, name));
         dlclose(library);
     }
-    return own();
+    const int result = own();
+    return fails ? -1 : result;  // a failing step down still gives back what it has
 }
 
 struct Step {

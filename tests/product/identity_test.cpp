@@ -309,8 +309,10 @@ TEST(Assertions, HoldTheThreadThatAsksAModuleThatDidNotStart) {
                          }),
               0);
     EXPECT_EQ(asserts_in("QEL_productGetHwidInfoByChip",
-                         [](const Library &library) { CALL(library, QEL_productGetHwidInfo)
-                                                      (5); }),
+                         [](const Library &library) {
+                             CALL(library, QEL_productGetHwidInfo)
+                             (5);
+                         }),
               0);
     EXPECT_EQ(asserts_in("QEL_getChipInfo",
                          [](const Library &library) {
@@ -319,8 +321,10 @@ TEST(Assertions, HoldTheThreadThatAsksAModuleThatDidNotStart) {
                          }),
               0);
     EXPECT_EQ(asserts_in("QEL_checkProductType",
-                         [](const Library &library) { CALL(library, QEL_checkProductType)
-                                                      (nullptr); }),
+                         [](const Library &library) {
+                             CALL(library, QEL_checkProductType)
+                             (nullptr);
+                         }),
               0);
 }
 

@@ -145,7 +145,7 @@ int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd loc
 }
 
 std::string running_socket(const std::string &dir) {
-    if (!dir.empty()) return Home(dir).socket();
+    if (!dir.empty()) return fs::absolute(dir).lexically_normal().string() + "/server";
     const char *own = getenv("QELBOARD_SOCKET");
     if (own != nullptr && *own != 0) return own;
     throw Failure("which board? Give --dir FOLDER of a running one, or call from a command that runs on it");

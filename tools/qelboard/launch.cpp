@@ -93,7 +93,9 @@ void add_native_libraries(Environment &environment) {
     const std::string library = preloadable(board_library());
     const std::string dir = fs::path(library).parent_path().string();
     const std::string sanitizer = sanitizer_library();
-    environment.set("LD_PRELOAD", joined(sanitizer, joined(library, variable("LD_PRELOAD"))));
+    const std::string preload = variable("LD_PRELOAD");
+    if (!lists(preload, library))  // a run within a run
+        environment.set("LD_PRELOAD", joined(sanitizer, joined(library, preload)));
     const std::string search = variable("LD_LIBRARY_PATH");
     if (!is_system_dir(dir) && !lists(search, dir)) environment.set("LD_LIBRARY_PATH", joined(search, dir));
     // A program built with the address sanitizer refuses to start behind a preloaded library otherwise;

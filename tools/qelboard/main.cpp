@@ -20,8 +20,8 @@ constexpr const char *kFooter = R"(Examples:
   qelboard serve dome --dir ~/mydome       (and in another terminal: qelboard show --dir ~/mydome)
 
 Exit codes: of `run`, the command's own, 128 + n when signal n ended it, 127 when it was not found,
-126 when it could not be executed, 125 when qelboard itself failed. Of the others: 0 done, 1 failed,
-2 wrong command line.)";
+126 when it could not be executed, 125 when qelboard itself failed, 124 when the command succeeded but
+used a device wrongly. Of the others: 0 done, 1 failed, 2 wrong command line.)";
 
 }  // namespace
 
@@ -46,6 +46,12 @@ int main(int argc, char **argv) {
     // Started by `run` for the other chips of a unit.
     app.add_subcommand("resident", "")->group("")->callback([&] { line.code = be_resident(); });
 
+    const auto verbs = app.get_subcommands([](CLI::App *) { return true; });
+    if (!own.empty() && !own[0].starts_with('-') &&
+        std::ranges::none_of(verbs, [&](const CLI::App *verb) { return verb->get_name() == own[0]; })) {
+        fprintf(stderr, "qelboard: there is no verb \"%s\"; see qelboard --help\n", own[0].c_str());
+        return kUsage;
+    }
     try {
         std::ranges::reverse(own);  // as the parser wants them
         app.parse(own);

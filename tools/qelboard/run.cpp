@@ -10,8 +10,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <thread>
 
 #include "board/core/board.h"
@@ -191,14 +193,16 @@ public:
 
     void ended(int status, bool expected) {
         pid_ = -1;
-        print_output();
-        if (!expected || exit_status(status) != 0)
-            fprintf(stderr, "qelboard: the resident process of chip %u ended by itself, with status %d\n",
-                    chip_, exit_status(status));
+        read_output();
+        if (expected && exit_status(status) == 0) return;
+        print_lines();
+        fprintf(stderr, "qelboard: the resident process of chip %u ended by itself, with status %d\n", chip_,
+                exit_status(status));
     }
 
-    // Its lines, marked with the chip they come from.
-    void print_output() {
+    // Its lines, marked with the chip they come from. Its log is for those who asked for one; of the
+    // rest the end is kept, in case something goes wrong.
+    void read_output() {
         char part[1024];
         ssize_t got = 0;
         while (output_.is_open() && (got = read(output_.get(), part, sizeof part)) > 0)
@@ -206,16 +210,22 @@ public:
         const bool over = got == 0;
         if (over) output_.reset();
         if (over && !text_.empty() && text_.back() != '\n') text_ += '\n';
+        if (getenv("OSA_LOG") != nullptr) print_lines();
+        if (text_.size() > kKeptBytes) text_.erase(0, text_.size() - kKeptBytes);
+    }
+
+private:
+    void print_lines() {
         for (size_t end; (end = text_.find('\n')) != std::string::npos; text_.erase(0, end + 1))
             fprintf(stderr, "[chip %u] %.*s\n", chip_, static_cast<int>(end), text_.c_str());
     }
 
-private:
+    static constexpr size_t kKeptBytes = 8192;
     const uint32_t chip_;
     pid_t pid_ = -1;
     board::UniqueFd life_;  // its standard input: it ends when this closes
     board::UniqueFd output_;
-    std::string text_;  // the start of a line
+    std::string text_;  // not printed yet
 };
 
 // ---- The run -----------------------------------------------------------------------------------
@@ -301,7 +311,7 @@ private:
             server_died_ = true;
             fprintf(stderr, "qelboard: the board server died; the devices of the board are gone\n");
         }
-        for (const auto &resident : residents_) resident->print_output();
+        for (const auto &resident : residents_) resident->read_output();
         if (watched[0].revents != 0) take_signals();
     }
 
@@ -343,11 +353,20 @@ bool is_linked_name(const std::string &name) {
                                [&](const char *known) { return name.find(known) != std::string::npos; });
 }
 
-void print_events(board::ControlLink &link) {
+// The list that the server keeps under that name; nothing when there is none, or no server.
+std::string listed(board::ControlLink &link, const std::string &what) {
     std::string text;
-    const std::string words[] = {"events"};
-    if (link.call(words, text) && !text.empty())
-        fprintf(stderr, "qelboard: asked of the machine, recorded and not done:\n%s", text.c_str());
+    return link.call(std::span(&what, 1), text) ? text : std::string();
+}
+
+// Says what the software did that a user should know of. False when a device was used wrongly.
+bool report(board::ControlLink &link) {
+    const std::string events = listed(link, "events");
+    if (!events.empty())
+        fprintf(stderr, "qelboard: asked of the machine, noted and not done:\n%s", events.c_str());
+    const std::string misuses = listed(link, "misuses");
+    if (!misuses.empty()) fprintf(stderr, "qelboard: devices were used wrongly:\n%s", misuses.c_str());
+    return misuses.empty();
 }
 
 }  // namespace
@@ -358,7 +377,8 @@ int run_on_board(const RunOptions &options) {
     if (options.place.chip >= info.chips)
         throw Failure("board " + info.name + " has no chip " + std::to_string(options.place.chip) +
                       ", its chips are 0 to " + std::to_string(info.chips - 1));
-    command(board.link(), {"power-on"});
+    if (!command(board.link(), {"power-on"}).empty())
+        fprintf(stderr, "qelboard: the power had been cut; it is on again\n");
     int status = 0;
     bool served = true;
     {
@@ -368,9 +388,10 @@ int run_on_board(const RunOptions &options) {
         run.end_residents();
         served = !run.server_died();
     }
-    if (served) print_events(board.link());
+    const bool used_well = !served || report(board.link());
     served = board.leave() && served;
-    return status == 0 && !served ? kRunFailed : status;
+    if (status != 0) return status;
+    return !served ? kRunFailed : used_well ? 0 : kMisused;
 }
 
 }  // namespace qel::tool

@@ -9,7 +9,8 @@
 
 namespace qel::tool {
 
-// What the program itself could not do, as env and timeout say it; 126 and 127 as a shell does.
+// What is not the command's own status: 125 to 127 as env and a shell say it.
+constexpr int kMisused = 124;  // the command succeeded, but a device was used wrongly
 constexpr int kRunFailed = 125;
 constexpr int kNotExecutable = 126;
 constexpr int kNotFound = 127;

@@ -257,14 +257,13 @@ void add_poke(CLI::App &app, CommandLine &line) {
     add_dir(*verb, options->dir);
     verb->add_option("--chip", options->chip, "The chip of the device");
     verb->add_option("node", options->node, "The device, for example /dev/gpio")->required();
-    verb->add_option("words", options->words, "What the device understands, for example: level 3 1");
+    verb->add_option("words", options->words, "What the device understands, for example: drive 3 1");
     verb->callback([options, &line] {
         std::vector<std::string> words = {"poke", std::to_string(options->chip), options->node};
         words.insert(words.end(), options->words.begin(), options->words.end());
         words.insert(words.end(), line.command.begin(), line.command.end());
         const std::string answer = command(*connect_control(running_socket(options->dir)), words);
-        print(answer);
-        if (!answer.empty() && answer.back() != '\n') print("\n");
+        print(answer.ends_with('\n') ? answer : answer + "\n");
     });
 }
 
@@ -272,7 +271,7 @@ void add_power_on(CLI::App &app, CommandLine &) {
     auto *verb = app.add_subcommand("power-on", "Switch a running board on again after a power cut");
     auto dir = std::make_shared<std::string>();
     add_dir(*verb, *dir);
-    verb->callback([dir] { command(*connect_control(running_socket(*dir)), {"power-on"}); });
+    verb->callback([dir] { print(command(*connect_control(running_socket(*dir)), {"power-on"})); });
 }
 
 }  // namespace qel::tool

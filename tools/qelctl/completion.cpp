@@ -106,24 +106,26 @@ std::string value_cases(const Shell &shell, const std::vector<const VerbOutline 
     return cases;
 }
 
-// What may follow each verb: its own verbs and options, and the options every verb takes.
+// The options that may follow a verb: its own, and those that every verb takes.
+std::vector<OptionOutline> options_after(const VerbOutline &verb, const VerbOutline &top) {
+    std::vector<OptionOutline> options = verb.options;
+    if (&verb == &top) return options;
+    for (const OptionOutline &common : top.options) {
+        if (common.names.back() != "--help") options.push_back(common);
+    }
+    return options;
+}
+
 std::string word_cases(const Shell &shell, const std::vector<const VerbOutline *> &all) {
     std::string cases;
     for (const VerbOutline *verb : all) {
         std::vector<std::string> items;
         for (const VerbOutline &below : verb->verbs)
             items.push_back(shell.item(below.name, below.description));
-        const auto add_options = [&](const VerbOutline &of) {
-            for (const OptionOutline &option : of.options) {
-                for (const std::string &name : option.names) {
-                    if (of.path.empty() && verb != all.front() && (name == "-h" || name == "--help"))
-                        continue;
-                    items.push_back(shell.item(name, option.description));
-                }
-            }
-        };
-        add_options(*verb);
-        if (verb != all.front()) add_options(*all.front());
+        for (const OptionOutline &option : options_after(*verb, *all.front())) {
+            for (const std::string &name : option.names)
+                items.push_back(shell.item(name, option.description));
+        }
         cases += "        \"" + verb->path + "\") " + shell.list_open + join(items, " ") + shell.list_close +
                  " ;;\n";
     }

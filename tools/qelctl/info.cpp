@@ -54,6 +54,12 @@ std::string describe_extended_id(const Unit &unit) {
     return text;
 }
 
+std::string describe_process(const Info &info) {
+    const std::string name = printable(info.process);
+    if (info.identity.empty() || info.identity == info.process) return name;
+    return name + ", taken for " + info.identity;
+}
+
 std::string describe_channels(const ChannelMap &map) {
     return std::to_string(map.total) + ", " + std::to_string(map.local) + " of them on chip 0";
 }
@@ -69,8 +75,7 @@ std::string to_text(const Info &info, bool colour) {
     text += line("chips", describe_chips(unit));
     text += line("channels", describe_channels(unit.map));
     text += line("extended id", describe_extended_id(unit));
-    text += line("process",
-                 printable(info.process) + (info.identity.empty() ? "" : ", taken for " + info.identity));
+    text += line("process", describe_process(info));
     text += "\n" + properties_text(unit.chips, colour);
     if (!unit.map.channels.empty()) text += "\n" + channels_text(unit.map, colour);
     return text;

@@ -76,7 +76,7 @@ void require_answers(const std::vector<ChipFacts> &chips) {
         if (!chip.properties.empty()) continue;
         throw Failure(ExitCode::kFailed, "chip " + std::to_string(chip.chip) +
                                              " did not answer when the library started; is its software "
-                                             "running? OSA_LOG=error shows the library's account.");
+                                             "running? The library's log says more.");
     }
 }
 

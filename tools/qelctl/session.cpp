@@ -19,6 +19,14 @@ void take_name(const std::string &name) {
     if (!file) throw Failure(ExitCode::kFailed, "cannot take the name " + name + " (" + kNameFile + ").");
 }
 
+// Whoever started us may have given us another name while the library was loading.
+void check_name(const std::string &name) {
+    const std::string actual = process_name();
+    if (actual == name) return;
+    throw Failure(ExitCode::kFailed, "asked to be " + name + ", but this process was made " + actual +
+                                         ".\nOn a virtual board give the name to qelboard run --as.");
+}
+
 constexpr const char *kLoadHint =
     "Loading waits for the other chips of the unit and stops at a board that contradicts itself.\n"
     "OSA_LOG=info shows how far it came; --timeout SECONDS changes the limit.\n";
@@ -36,6 +44,7 @@ const Library &Session::library() {
         now_doing("loading the library", kLoadHint);
         library_.emplace(options.library);
         now_doing("asking the library", kAskHint);
+        if (!options.as.empty()) check_name(options.as);
     }
     return *library_;
 }

@@ -16,8 +16,8 @@ int known_chips(const Library &library) {
     const int count = CALL(library, QEL_productGetCfgNum)();
     if (count > 0) return count;
     throw Failure(ExitCode::kFailed,
-                  "the library could not read the hardware id of this board (/dev/qecHwid).\n"
-                  "OSA_LOG=error shows what failed. On a virtual board, start qelctl with qelboard run.");
+                  "the library could not read the hardware id of this board (/dev/qecHwid); its log says "
+                  "why.\nTo talk to a virtual board, start qelctl with qelboard run.");
 }
 
 std::vector<int> read_properties(const Library &library, unsigned record) {
@@ -78,7 +78,7 @@ std::vector<ChipFacts> read_chips(const Library &library) {
     const int count = known_chips(library);
     unsigned char info[2] = {};
     if (CALL(library, QEL_getChipInfo)(info) != 0) {
-        throw Failure(ExitCode::kFailed, "the library does not tell which chip this is; see OSA_LOG=error.");
+        throw Failure(ExitCode::kFailed, "the library does not tell which chip this is; its log says why.");
     }
     std::vector<ChipFacts> chips;
     for (int record = 0; record < count; ++record) {
@@ -87,14 +87,18 @@ std::vector<ChipFacts> read_chips(const Library &library) {
         chips.push_back({chip, read_properties(library, static_cast<unsigned>(record))});
         if (record > 0 && is_blank(chips.back().properties)) chips.back().properties.clear();
     }
+    // A master that should reach the others but found no way to them when it started.
+    const bool is_master = info[1] == 0 && !identity(library).empty();
+    for (unsigned chip = chips.size(); is_master && chip < info[0]; ++chip) chips.push_back({chip, {}});
     return chips;
 }
 
 ChannelMap read_channel_map(const Library &library) {
+    known_chips(library);  // the map is empty where the library does not know the board
     ChannelMap map{CALL(library, QEL_chnMapGetTotalNum)(), CALL(library, QEL_chnMapGetLocalNum)(), {}};
     if (map.total < 0 || map.local < 0) {
         throw Failure(ExitCode::kFailed,
-                      "the library has no channel map: its start-up failed there. OSA_LOG=error shows why.");
+                      "the library has no channel map: its start-up failed there, and its log says why.");
     }
     for (unsigned logical = 0; logical < kLogicalNumbers; ++logical) {
         unsigned char info[QEL_CHANNEL_INFO_BYTES] = {};

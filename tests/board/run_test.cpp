@@ -1,0 +1,200 @@
+// `qelboard run` as a shell sees it: exit codes, signals, what it starts and what it leaves behind.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/library.h"
+
+namespace fs = std::filesystem;
+using namespace qel::test;
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+std::string read_text(const fs::path &path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class RunTest : public testing::Test {
+protected:
+    RunTest() {
+        std::string path = (fs::temp_directory_path() / "qelrun-XXXXXX").string();
+        if (mkdtemp(path.data()) == nullptr) abort();
+        dir_ = path;
+        fs::create_directory(dir_ / "tmp");
+    }
+    ~RunTest() override { fs::remove_all(dir_); }
+
+    // Starts it with the test's own folder for temporary files; output goes to files beside that.
+    pid_t start(const Words &words) const {
+        fflush(nullptr);
+        const pid_t pid = fork();
+        if (pid != 0) return pid;
+        setpgid(0, 0);
+        setenv("TMPDIR", (dir_ / "tmp").c_str(), 1);
+        unsetenv("QELBOARD_SOCKET");
+        for (const auto &[name, fd] : {std::pair("out", STDOUT_FILENO), {"err", STDERR_FILENO}})
+            dup2(::open((dir_ / name).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), fd);
+        std::vector<char *> arguments = {const_cast<char *>(QEL_BIN_DIR "/qelboard")};
+        for (const std::string &word : words) arguments.push_back(const_cast<char *>(word.c_str()));
+        arguments.push_back(nullptr);
+        execv(arguments[0], arguments.data());
+        _exit(99);
+    }
+    int run(const Words &words) const { return wait_for_child(start(words), 60000); }
+    int shell(const std::string &script, Words options = {}) const {
+        Words words = {"run", "box"};
+        words.insert(words.end(), options.begin(), options.end());
+        words.insert(words.end(), {"--", "sh", "-c", script});
+        return run(words);
+    }
+    std::string out() const { return read_text(dir_ / "out"); }
+    std::string err() const { return read_text(dir_ / "err"); }
+    // Waits until the command has said so.
+    bool says(const std::string &text) const {
+        for (int i = 0; i < 3000 && out().find(text) == std::string::npos; ++i) usleep(10000);
+        return out().find(text) != std::string::npos;
+    }
+    // A board that nobody keeps leaves nothing, at the latest when its server has noticed.
+    bool leaves_nothing() const {
+        for (int i = 0; i < 1000 && !fs::is_empty(dir_ / "tmp"); ++i) usleep(10000);
+        return fs::is_empty(dir_ / "tmp");
+    }
+
+    fs::path dir_;
+};
+
+}  // namespace
+
+TEST_F(RunTest, EndsWithTheStatusOfTheCommand) {
+    struct Case {
+        Words words;
+        int code;
+        const char *error;
+    };
+    const std::string file = (dir_ / "tmp").string();
+    const Case cases[] = {
+        {{"run", "box", "--", "true"}, 0, ""},
+        {{"run", "box", "--", "sh", "-c", "exit 7"}, 7, ""},
+        {{"run", "box", "--", "sh", "-c", "kill -TERM $$"}, 128 + SIGTERM, ""},
+        {{"run", "box", "--", "/no/such/program"}, 127, "cannot run /no/such/program: No such file"},
+        {{"run", "box", "--", file}, 126, "Permission denied"},
+        {{"run", "box"}, 125, "run needs a command"},
+        {{"run", "box", "true"}, 125, "true"},
+        {{"run", "no-such-board", "--", "true"}, 125, "there is no board \"no-such-board\""},
+        {{"run", "box", "--chip", "1", "--", "true"}, 125, "board box has no chip 1"},
+        {{"run", "box", "--as", "sixteen-letters-", "--", "true"}, 125, "at most 15"},
+        {{"run", "box", "--fault", "nonsense", "--", "true"}, 125, "nonsense"},
+        {{"run", "box", "--emulator", "qemu-arm", "--", "true"}, 125, "--preload"},
+        {{"show", "--dir", file}, 1, "no board answers"},
+        {{"fault", "/dev/gpio read fail EIO"}, 1, "which board?"},
+        {{"frobnicate"}, 2, "frobnicate"},
+    };
+    for (const Case &one : cases) {
+        std::string words;
+        for (const std::string &word : one.words) words += word + " ";
+        EXPECT_EQ(run(one.words), one.code) << words << err();
+        EXPECT_NE(err().find(one.error), std::string::npos) << words << err();
+    }
+    EXPECT_TRUE(leaves_nothing());
+}
+
+TEST_F(RunTest, PassesSignalsOn) {
+    const pid_t pid = start(
+        {"run", "box", "--", "sh", "-c", "trap 'exit 42' TERM; echo ready; while :; do sleep 0.05; done"});
+    EXPECT_TRUE(says("ready"));
+    kill(pid, SIGTERM);
+    EXPECT_EQ(wait_for_child(pid, 30000), 42) << err();
+    EXPECT_TRUE(leaves_nothing());
+}
+
+TEST_F(RunTest, LeavesNothingBehindWhenItIsKilled) {
+    const pid_t pid = start({"run", "twin", "--as", "vesta", "--", "sh", "-c", "echo ready; exec sleep 1"});
+    EXPECT_TRUE(says("ready"));
+    EXPECT_FALSE(fs::is_empty(dir_ / "tmp"));
+    kill(pid, SIGKILL);
+    EXPECT_EQ(wait_for_child(pid, 30000), 128 + SIGKILL);
+    EXPECT_TRUE(leaves_nothing());
+}
+
+TEST_F(RunTest, JoinsTheServerOfAFolder) {
+    const std::string board = (dir_ / "kept").string();
+    const std::string inner = QEL_BIN_DIR "/qelboard ";
+    // What runs inside names the board by its folder or needs not name it at all.
+    EXPECT_EQ(shell("echo outer $QELBOARD_SOCKET; " + inner + "run box --dir " + board +
+                        " -- sh -c 'echo inner $QELBOARD_SOCKET' && " + inner +
+                        "poke /dev/gpio drive 3 1 && " + inner + "show --dir " + board,
+                    {"--dir", board}),
+              0)
+        << err();
+    const std::string text = out();
+    EXPECT_NE(text.find("outer " + board + "/server\ninner " + board + "/server\n"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("ir-cut-a    in             1"), std::string::npos) << text;
+    // The folder stays, and stays that board's.
+    EXPECT_EQ(run({"run", "dome", "--dir", board, "--", "true"}), 125);
+    EXPECT_NE(err().find("holds board box, not dome"), std::string::npos) << err();
+    EXPECT_EQ(run({"run", "box", "--dir", board, "--", "true"}), 0) << err();
+    // Two that share no folder share nothing.
+    EXPECT_EQ(shell("echo $QELBOARD_SOCKET; " + inner + "run box -- sh -c 'echo $QELBOARD_SOCKET'"), 0);
+    const std::string sockets = out();
+    const size_t end = sockets.find('\n');
+    EXPECT_NE(sockets.substr(0, end), sockets.substr(end + 1, end));
+    EXPECT_TRUE(leaves_nothing());
+}
+
+TEST_F(RunTest, SaysWhenTheServerDies) {
+    const std::string board = (dir_ / "kept").string();
+    EXPECT_EQ(shell(QEL_BIN_DIR "/qelboard poke --dir " + board + " /dev/gpio drive 3 1; " +
+                        // The server is the process in a session of its own that this run started.
+                        "for p in $(cat /proc/$PPID/task/$PPID/children); do "
+                        "[ $p != $$ ] && kill -9 $p; done; sleep 0.5",
+                    {"--dir", board}),
+              125);
+    EXPECT_NE(err().find("the board server died"), std::string::npos) << err();
+    // Its socket is in the way of nobody.
+    EXPECT_EQ(run({"run", "box", "--dir", board, "--", "true"}), 0) << err();
+}
+
+TEST_F(RunTest, StartsTheOtherChipsSoftware) {
+    const std::string script =
+        "sleep 0.3; for p in $(cat /proc/$PPID/task/$PPID/children); do "
+        "echo $(cat /proc/$p/comm) $(tr '\\0' ' ' < /proc/$p/cmdline); done";
+    setenv("OSA_LOG", "info", 1);
+    EXPECT_EQ(run({"run", "twin", "--as", "vesta", "--", "sh", "-c", script}), 0) << err();
+    unsetenv("OSA_LOG");
+    EXPECT_NE(out().find("qelboard resident"), std::string::npos) << out();
+    EXPECT_NE(out().find("vesta "), std::string::npos) << out();
+    EXPECT_NE(err().find("[chip 1] "), std::string::npos) << err();
+    for (const Words &options : {Words{"--no-residents", "--as", "vesta"}, Words{"--as", "somebody"}}) {
+        Words words = {"run", "twin"};
+        words.insert(words.end(), options.begin(), options.end());
+        words.insert(words.end(), {"--", "sh", "-c", script});
+        EXPECT_EQ(run(words), 0);
+        EXPECT_EQ(out().find("qelboard resident"), std::string::npos) << out();
+    }
+}
+
+TEST_F(RunTest, WritesTracesAndBoardFiles) {
+    const std::string trace = (dir_ / "trace.jsonl").string();
+    const std::string file = (dir_ / "mine.toml").string();
+    EXPECT_EQ(run({"new", file}), 0) << err();
+    EXPECT_EQ(run({"new", file}), 1);  // would write over it
+    EXPECT_EQ(run({"show", file, "--json"}), 0) << err();
+    EXPECT_EQ(run({"run", file, "--as", "vesta", "--trace", trace, "--", QEL_BIN_DIR "/qelctl", "info"}), 0)
+        << err();
+    EXPECT_EQ(run({"trace", "read", trace}), 0) << err();
+    EXPECT_NE(out().find("vesta"), std::string::npos) << out();
+    EXPECT_NE(out().find("/dev/qecHwid"), std::string::npos) << out();
+}
