@@ -32,7 +32,7 @@ constexpr uint64_t kWaker = 1;
 constexpr uint64_t kFirstConnection = 2;
 constexpr uint64_t kToken = 1;  // eight bytes, as a reader expects of one
 
-enum class State : uint8_t { kNew, kRequests, kControl, kDevice };
+enum class State : uint8_t { kNew, kRequests, kControl, kDevice, kStarter };
 
 struct Connection {
     uint64_t number = 0;
@@ -41,7 +41,7 @@ struct Connection {
     pid_t pid = 0;        // as this machine counts
     uint32_t client = 0;  // kRequests and kDevice
     uint32_t handle = 0;  // kDevice: what the descriptor at the other end stands for
-    bool holds = false;   // kControl
+    bool holds = false;   // kControl and kStarter
     bool parked = false;
     uint32_t sequence = 0;  // of the request being served
     int64_t deadline_ms = -1;
@@ -67,6 +67,7 @@ struct Server::Impl {
     ~Impl();
     void run();
     void stop();
+    void stop_when_unused(UniqueFd starter);
 
     using Words = std::vector<std::string>;
 
@@ -80,7 +81,7 @@ struct Server::Impl {
     UniqueFd waker_;
     UniqueFd spare_;  // given up for a moment to turn a connection away when descriptors run out
     std::atomic<bool> stopping_ = false;
-    std::atomic<bool> until_unused_ = false;
+    bool until_unused_ = false;
     size_t holders_ = 0;
 
     uint64_t next_number_ = kFirstConnection;
@@ -191,6 +192,12 @@ void Server::Impl::stop() {
     stopping_ = true;
     const uint64_t one = 1;
     if (::write(waker_.get(), &one, sizeof one) < 0) return;  // full: it wakes anyway
+}
+
+void Server::Impl::stop_when_unused(UniqueFd starter) {
+    until_unused_ = true;
+    add_connection(std::move(starter), State::kStarter).holds = true;
+    ++holders_;
 }
 
 void Server::Impl::note(uint32_t handle, bool changed) {
@@ -350,6 +357,10 @@ bool Server::Impl::send(const Connection &connection) {
 
 // One packet per turn, so that a busy process does not keep the others waiting.
 void Server::Impl::serve(Connection &connection) {
+    if (connection.state == State::kStarter) {  // nothing is ever written there
+        drop(connection);
+        return;
+    }
     const int error = receive_packet(connection.socket.get(), in_, MSG_DONTWAIT);
     if (error == -EAGAIN || error == -EINTR) return;
     if (error == 0 || error == -EMSGSIZE) {
@@ -545,6 +556,6 @@ void Server::run() { impl_->run(); }
 
 void Server::stop() { impl_->stop(); }
 
-void Server::stop_when_unused() { impl_->until_unused_ = true; }
+void Server::stop_when_unused(int starter) { impl_->stop_when_unused(UniqueFd(starter)); }
 
 }  // namespace qel::board

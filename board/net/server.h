@@ -39,8 +39,10 @@ public:
 
     void run();
     void stop();  // from any thread, and from signal handlers
-    // run() ends when the last connection that said "hold" is gone.
-    void stop_when_unused();
+    // run() ends when the last connection that said "hold" is gone. `starter`, which the server owns from
+    // now on, holds it as well until it hangs up: the end of a pipe that whoever started the server keeps
+    // open until it has said "hold" itself, so that its death before that ends the server too.
+    void stop_when_unused(int starter);
 
 private:
     struct Impl;

@@ -1,7 +1,7 @@
 // `qelboard run` as a shell sees it: exit codes, signals, what it starts and what it leaves behind.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <csignal>
@@ -128,6 +128,26 @@ TEST_F(RunTest, LeavesNothingBehindWhenItIsKilled) {
     kill(pid, SIGKILL);
     EXPECT_EQ(wait_for_child(pid, 30000), 128 + SIGKILL);
     EXPECT_TRUE(leaves_nothing());
+}
+
+TEST_F(RunTest, LeavesNoServerBehindWhenItIsKilledAtItsStart) {
+    for (int i = 0; i < 25; ++i) {
+        const pid_t pid = start({"run", "box", "--", "true"});
+        usleep(static_cast<useconds_t>(i * 2000));
+        kill(pid, SIGKILL);
+        wait_for_child(pid, 30000);
+    }
+    // At worst an empty folder stays: a server would hold the lock in it.
+    const auto is_served = [](const fs::path &folder) {
+        const int lock = ::open((folder / "server.lock").c_str(), O_RDWR | O_CLOEXEC);
+        const bool served = lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) != 0;
+        if (lock >= 0) close(lock);
+        return served;
+    };
+    for (const auto &entry : fs::directory_iterator(dir_ / "tmp")) {
+        for (int i = 0; i < 1000 && is_served(entry.path()); ++i) usleep(10000);
+        EXPECT_FALSE(is_served(entry.path())) << entry.path();
+    }
 }
 
 TEST_F(RunTest, JoinsTheServerOfAFolder) {

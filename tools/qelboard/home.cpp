@@ -114,7 +114,8 @@ std::string make_temporary_dir() {
 }
 
 int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd lock, bool temporary,
-                bool until_unused, void (*report)(void *context, const std::string &error), void *context) {
+                board::UniqueFd starter, void (*report)(void *context, const std::string &error),
+                void *context) {
     signal(SIGPIPE, SIG_IGN);
     allow_many_descriptors();
     int code = 0;
@@ -129,7 +130,7 @@ int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd loc
         board::Commands commands(served);
         prepare(commands, choice);
         board::Server server(served, home.socket());
-        if (until_unused) server.stop_when_unused();
+        if (starter.is_open()) server.stop_when_unused(starter.release());
         const StopSignals signals(server);
         report(context, "");
         server.run();

@@ -51,10 +51,11 @@ std::string make_temporary_dir();
 
 // Serves the board in this process until it is told to stop; SIGTERM and SIGINT stop it. `lock` comes
 // from Home::try_lock. `report` is called once: with an empty text when processes can connect, or
-// with what is wrong. `until_unused`: ends when the last connection that holds it is gone. Returns the
-// exit code.
+// with what is wrong. With a `starter` it ends when nobody holds it any more, see
+// Server::stop_when_unused. Returns the exit code.
 int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd lock, bool temporary,
-                bool until_unused, void (*report)(void *context, const std::string &error), void *context);
+                board::UniqueFd starter, void (*report)(void *context, const std::string &error),
+                void *context);
 
 // The socket of a running board: of `dir`, or when that is empty of the board this process runs on.
 std::string running_socket(const std::string &dir);

@@ -81,6 +81,7 @@ public:
             std::this_thread::sleep_for(20ms);
         }
         command(*link_, {"hold"});
+        life_.reset();
     }
     ~ServedBoard() { leave(); }
     ServedBoard(const ServedBoard &) = delete;
@@ -111,6 +112,7 @@ private:
         board::UniqueFd lock = home_.try_lock();
         if (!lock.is_open()) return false;
         Pipe ready;
+        Pipe life;
         fflush(nullptr);
         server_ = fork();
         if (server_ < 0) throw Failure(std::string("fork: ") + strerror(errno));
@@ -121,12 +123,14 @@ private:
             dup2(null.get(), STDIN_FILENO);
             dup2(null.get(), STDOUT_FILENO);
             ready.read.reset();
-            const int code =
-                serve_board(choice, home_, std::move(lock), temporary_, true, report_ready, &ready.write);
+            life.write.reset();
+            const int code = serve_board(choice, home_, std::move(lock), temporary_, std::move(life.read),
+                                         report_ready, &ready.write);
             fflush(nullptr);
             _exit(code);
         }
         ready.write.reset();
+        life_ = std::move(life.write);
         std::string text;
         char part[512];
         for (ssize_t got = 1; got > 0 || (got < 0 && errno == EINTR);) {
@@ -159,6 +163,7 @@ private:
     const bool temporary_;
     const Home home_;
     std::unique_ptr<board::ControlLink> link_;
+    board::UniqueFd life_;  // holds our server until the link does, or ends it with us
     pid_t server_ = -1;
 };
 

@@ -69,7 +69,7 @@ int serve(BoardChoice choice) {
     const Home home(temporary ? make_temporary_dir() : choice.dir);
     board::UniqueFd lock = home.try_lock();
     if (!lock.is_open()) throw Failure("a server runs in " + home.dir() + " already");
-    return serve_board(choice, home, std::move(lock), temporary, false, announce, const_cast<Home *>(&home));
+    return serve_board(choice, home, std::move(lock), temporary, {}, announce, const_cast<Home *>(&home));
 }
 
 // ---- show --------------------------------------------------------------------------------------
