@@ -208,6 +208,27 @@ TEST_F(RunTest, StartsTheOtherChipsSoftware) {
     }
 }
 
+// The emulator itself is not the one to preload for: only what it runs is.
+TEST_F(RunTest, PreloadsThroughAnEmulator) {
+    const std::string emulator = (dir_ / "emulator.sh").string();
+    const std::string preload = (dir_ / "libqelboard.so").string();
+    std::ofstream(emulator) << "echo \"$@\"; echo \"own: $LD_PRELOAD, name: $QELBOARD_AS\"; exit 3\n";
+    std::ofstream(preload) << "";
+    const Words options = {"--as",      "vesta", "--emulator", "sh " + emulator + " -L root",
+                           "--preload", preload};
+    const auto run_on = [&](const char *board) {
+        Words words = {"run", board};
+        words.insert(words.end(), options.begin(), options.end());
+        words.insert(words.end(), {"--", "program", "--option"});
+        return run(words);
+    };
+    EXPECT_EQ(run_on("box"), 3) << err();
+    EXPECT_EQ(out(), "-L root -E LD_PRELOAD=" + preload + " program --option\nown: , name: vesta\n");
+    // A unit of two chips needs a second emulated process, from beside that library.
+    EXPECT_EQ(run_on("twin"), 125);
+    EXPECT_NE(err().find("--no-residents"), std::string::npos) << err();
+}
+
 TEST_F(RunTest, WritesTracesAndBoardFiles) {
     const std::string trace = (dir_ / "trace.jsonl").string();
     const std::string file = (dir_ / "mine.toml").string();
