@@ -1,9 +1,9 @@
 // spinner.h - looks for a short answer before the thread goes to sleep for it.
 //
-// Waking a thread on another core costs more than most answers take. Where the caller may run on several
-// cores it looks for a while, about twice as long as answers usually take. Unless most answers come in
-// that time it stops looking, and tries again now and then. With one core it never looks: the peer needs
-// that core.
+// To sleep and be woken costs more than most answers take. So the caller looks for the answer for a
+// while, about twice as long as answers usually take, and lets others run between two looks: on the same
+// core that is how the peer gets to its work at all. Unless most answers come in that time it stops
+// looking, and tries again now and then.
 #pragma once
 
 #include <sched.h>
@@ -28,7 +28,8 @@ public:
         const int64_t start_ns = platform::monotonic_ns();
         const int64_t end_ns = start_ns + std::min(kMaxNs, 2 * usual_ns + kMinNs);
         for (int64_t now_ns = start_ns; now_ns < end_ns; now_ns = platform::monotonic_ns()) {
-            for (int i = 0; i < kLooksPerClock; ++i) {
+            sched_yield();
+            for (int i = 0; i < kLooksPerYield; ++i) {
                 if (done()) {
                     usual_ns_.store((7 * usual_ns + now_ns - start_ns) / 8, kRelaxed);
                     credit_.store(std::min(credit + 1, kMaxCredit), kRelaxed);
@@ -45,8 +46,8 @@ private:
     static constexpr auto kRelaxed = std::memory_order_relaxed;
     static constexpr int64_t kMaxNs = 100'000;
     static constexpr int64_t kMinNs = 5'000;
-    static constexpr int kLooksPerClock = 32;
     static constexpr int64_t kTrialNs = 20'000;
+    static constexpr int kLooksPerYield = 16;
     static constexpr int kMissCost = 4;  // answers in time that make up for one that was late
     static constexpr int kTrialCredit = 2 * kMissCost;
     static constexpr int kMaxCredit = 4 * kMissCost;
@@ -60,18 +61,10 @@ private:
 #endif
     }
 
-    static bool has_several_cores() {
-        cpu_set_t cores;
-        return sched_getaffinity(0, sizeof cores, &cores) == 0 && CPU_COUNT(&cores) > 1;
-    }
-
     void start_trial() {
-        if (!has_several_cores()) {
-            credit_.store(0, kRelaxed);
-        } else if (credit_.load(kRelaxed) <= 0) {
-            usual_ns_.store(kTrialNs, kRelaxed);
-            credit_.store(kTrialCredit, kRelaxed);
-        }
+        if (credit_.load(kRelaxed) > 0) return;
+        usual_ns_.store(kTrialNs, kRelaxed);
+        credit_.store(kTrialCredit, kRelaxed);
     }
 
     std::atomic<uint32_t> calls_{0};
