@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "board/steps/step_names.h"
 #include "tests/support/library.h"
 
 namespace fs = std::filesystem;
@@ -99,6 +100,12 @@ TEST_F(RunTest, EndsWithTheStatusOfTheCommand) {
         {{"run", "box", "--as", "sixteen-letters-", "--", "true"}, 125, "at most 15"},
         {{"run", "box", "--fault", "nonsense", "--", "true"}, 125, "nonsense"},
         {{"run", "box", "--emulator", "qemu-arm", "--", "true"}, 125, "--preload"},
+        {{"run", "box", "--fault", "step QEL_noInit fail", "--", "true"},
+         125,
+         "there are: QEL_adapterPreInit"},
+        {{"run", "box", "--fault", "chip x step QEL_comInit fail", "--", "true"}, 125, "\"x\" is not a chip"},
+        {{"serve", "box", "--fault", "step QEL_comInit fail"}, 1, "qelboard run BOARD --fault"},
+        {{"fault", "step QEL_comInit fail"}, 1, "qelboard run BOARD --fault"},
         {{"show", "--dir", file}, 1, "no board answers"},
         {{"fault", "/dev/gpio read fail EIO"}, 1, "which board?"},
         {{"frobnicate"}, 2, "frobnicate"},
@@ -239,4 +246,37 @@ TEST_F(RunTest, WritesTracesAndBoardFiles) {
     EXPECT_EQ(run({"trace", "read", trace}), 0) << err();
     EXPECT_NE(out().find("vesta"), std::string::npos) << out();
     EXPECT_NE(out().find("/dev/qecHwid"), std::string::npos) << out();
+}
+
+#define QEL_TEXT(name) #name,
+
+TEST_F(RunTest, MakesAnyOneStepOfTheChainsFail) {
+    const char *const steps[] = {QEL_EACH_START_UP_STEP(QEL_TEXT) QEL_EACH_SHUT_DOWN_STEP(QEL_TEXT)};
+    std::string script = "status=0; export OSA_LOG=error;";
+    for (const char *step : steps)
+        script += " QELBOARD_FAIL_STEPS=" + std::string(step) + " " + kQelctl +
+                  " version >/dev/null || status=1; echo . >&2;";
+    ASSERT_EQ(shell(script + " exit $status", {"--fault", "step QEL_comInit fail", "--as", "vesta"}), 0)
+        << err();
+    // What each load told, one after the other. Two steps are told of under a neighbour's name.
+    std::istringstream loads(err());
+    for (const char *step : steps) {
+        std::string told;
+        for (std::string line; std::getline(loads, line) && line != ".";) told += line + "\n";
+        const std::string name = step == std::string("QEL_commlenInit")     ? "QEL_hwidExInit"
+                                 : step == std::string("QEL_adapterDeinit") ? "QEL_adapterPreDeinit"
+                                                                            : step;
+        EXPECT_NE(told.find("): " + name + " "), std::string::npos) << step << " told:\n" << told;
+    }
+}
+
+TEST_F(RunTest, FailsTheStepOfTheChipMeant) {
+    setenv("OSA_LOG", "error", 1);
+    EXPECT_EQ(run({"run", "twin", "--as", "vesta", "--fault", "chip 1 step QEL_heatInit fail", "--", kQelctl,
+                   "version"}),
+              0);
+    unsetenv("OSA_LOG");
+    EXPECT_NE(err().find("[chip 1]"), std::string::npos) << err();
+    EXPECT_NE(err().find("QEL_heatInit execute Error"), std::string::npos) << err();
+    EXPECT_EQ(err().find("QEL_heatInit"), err().rfind("QEL_heatInit")) << err();
 }

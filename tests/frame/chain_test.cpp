@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "board/core/board.h"
+#include "board/steps/step_names.h"
 #include "qel/qel.h"
 #include "tests/support/library.h"
 
@@ -110,50 +111,8 @@ std::vector<std::string> all_steps() {
 
 #define TAKE(name) \
     extern "C" int name() { return take(#name); }
-TAKE(QEL_adapterPreInit)
-TAKE(QEL_productInit)
-TAKE(QEL_hwidGet)
-TAKE(QEL_chnMapInit)
-TAKE(QEL_configInit)
-TAKE(QEL_sramfileInit)
-TAKE(QEL_miscInit)
-TAKE(QEL_rtcInit)
-TAKE(QEL_TwoEyesComInit)
-TAKE(QEL_fpgaInit)
-TAKE(QEL_flashIinit)
-TAKE(QEL_comInit)
-TAKE(QEL_heatInit)
-TAKE(QEL_mcuInit)
-TAKE(QEL_recordInit)
-TAKE(QEL_MemInit)
-TAKE(QEL_flagfileInit)
-TAKE(QEL_netInit)
-TAKE(QEL_semLockInit)
-TAKE(QEL_hwidExInit)
-TAKE(QEL_commlenInit)
-TAKE(QEL_adapterInit)
-TAKE(QEL_coprocInit)
-TAKE(QEL_notifyInit)
-TAKE(QEL_coprocDeinit)
-TAKE(QEL_adapterDeinit)
-TAKE(QEL_commlenDeinit)
-TAKE(QEL_semLockDeinit)
-TAKE(QEL_flagfileDeInit)
-TAKE(QEL_netDeInit)
-TAKE(QEL_MemDeinit)
-TAKE(QEL_recordDeinit)
-TAKE(QEL_mcuDeinit)
-TAKE(QEL_comDeinit)
-TAKE(QEL_heatDeinit)
-TAKE(QEL_flashDeinit)
-TAKE(QEL_fpgaDeinit)
-TAKE(QEL_TwoEyesComDeInit)
-TAKE(QEL_rtcDeinit)
-TAKE(QEL_miscDeinit)
-TAKE(QEL_sramfileDeInit)
-TAKE(QEL_chnMapDeinit)
-TAKE(QEL_productDeinit)
-TAKE(QEL_adapterPreDeinit)
+QEL_EACH_START_UP_STEP(TAKE)
+QEL_EACH_SHUT_DOWN_STEP(TAKE)
 
 namespace qel::test {
 namespace {
@@ -290,6 +249,7 @@ TEST_F(Chain, LoadsWithoutAChannelLibrary) {
 
 TEST_F(Chain, LinksNothingBehindItself) {
     board_.enter({.chip = 0, .as = "vesta"});
+    steps = {};
     Library library;
     for (const Step &step : kShutDown) steps.own[step.name] = library.function<int()>(step.name);
     log_.clear();

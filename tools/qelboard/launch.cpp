@@ -89,13 +89,24 @@ const std::string &preloadable(const std::string &path) {
     return path;
 }
 
-void add_native_libraries(Environment &environment) {
+// Beside the libqelboard.so of the same build.
+std::string steps_library(const std::string &board_library) {
+    const std::string path = (fs::path(board_library).parent_path() / "libqelsteps.so").string();
+    if (access(path.c_str(), R_OK) != 0)
+        throw Failure("a step can fail only with " + path + ", which is not there");
+    return preloadable(path);
+}
+
+void add_native_libraries(Environment &environment, bool with_steps) {
     const std::string library = preloadable(board_library());
     const std::string dir = fs::path(library).parent_path().string();
     const std::string sanitizer = sanitizer_library();
-    const std::string preload = variable("LD_PRELOAD");
+    std::string preload = variable("LD_PRELOAD");
     if (!lists(preload, library))  // a run within a run
-        environment.set("LD_PRELOAD", joined(sanitizer, joined(library, preload)));
+        preload = joined(sanitizer, joined(library, preload));
+    if (with_steps && !lists(preload, steps_library(library)))
+        preload = joined(preload, steps_library(library));
+    environment.set("LD_PRELOAD", preload);
     const std::string search = variable("LD_LIBRARY_PATH");
     if (!is_system_dir(dir) && !lists(search, dir)) environment.set("LD_LIBRARY_PATH", joined(search, dir));
     // A program built with the address sanitizer refuses to start behind a preloaded library otherwise;
@@ -117,7 +128,9 @@ std::vector<std::string> emulated(const Place &place, const std::vector<std::str
     for (std::string word; words >> word;) arguments.push_back(word);
     if (arguments.empty()) throw Failure("--emulator: no program given");
     // An environment variable would reach the emulator's own loader too: the program's goes through it.
-    arguments.insert(arguments.end(), {"-E", "LD_PRELOAD=" + preloadable(place.preload)});
+    std::string preload = preloadable(place.preload);
+    if (!place.failing_steps.empty()) preload = joined(preload, steps_library(place.preload));
+    arguments.insert(arguments.end(), {"-E", "LD_PRELOAD=" + preload});
     arguments.insert(arguments.end(), command.begin(), command.end());
     return arguments;
 }
@@ -134,8 +147,9 @@ Launch launch_on(const Place &place, const std::vector<std::string> &command) {
         environment.remove("QELBOARD_AS");
     else
         environment.set("QELBOARD_AS", place.as);
+    environment.set("QELBOARD_FAIL_STEPS", place.failing_steps);
     if (place.emulator.empty()) {
-        add_native_libraries(environment);
+        add_native_libraries(environment, !place.failing_steps.empty());
         return {command, environment.take()};
     }
     environment.remove("LD_PRELOAD");

@@ -10,7 +10,8 @@ namespace qel::tool {
 struct Place {
     std::string socket;  // of the server
     uint32_t chip = 0;
-    std::string as;  // process name to take, empty = its own
+    std::string as;             // process name to take, empty = its own
+    std::string failing_steps;  // of the library's chains, with commas between them
     // A program for another processor: the emulator with its options, and the libqelboard.so built
     // for that processor.
     std::string emulator;

@@ -255,14 +255,12 @@ public:
     void start_residents(uint32_t chips) {
         for (uint32_t chip = 0; chip < chips; ++chip) {
             if (chip == options_.place.chip) continue;
-            Place place = placed();
-            place.chip = chip;
-            with_old_mask([&] { residents_.push_back(std::make_unique<Resident>(place)); });
+            with_old_mask([&] { residents_.push_back(std::make_unique<Resident>(placed_on(chip))); });
         }
     }
 
     int command() {
-        const Launch launch = launch_on(placed(), options_.command);
+        const Launch launch = launch_on(placed_on(options_.place.chip), options_.command);
         fflush(nullptr);
         with_old_mask([&] {
             command_ = fork();
@@ -292,9 +290,11 @@ public:
     bool server_died() const { return server_died_; }
 
 private:
-    Place placed() const {
+    Place placed_on(uint32_t chip) const {
         Place place = options_.place;
         place.socket = board_.home().socket();
+        place.chip = chip;
+        place.failing_steps = failing_steps(options_.step_faults, chip);
         return place;
     }
 

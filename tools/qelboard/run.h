@@ -6,6 +6,7 @@
 
 #include "tools/qelboard/home.h"
 #include "tools/qelboard/launch.h"
+#include "tools/qelboard/step_fault.h"
 
 namespace qel::tool {
 
@@ -18,6 +19,7 @@ constexpr int kNotFound = 127;
 struct RunOptions {
     BoardChoice choice;
     Place place;  // without the socket
+    std::vector<StepFault> step_faults;
     bool residents = true;
     std::vector<std::string> command;
 };

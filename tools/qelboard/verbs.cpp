@@ -13,6 +13,7 @@
 #include "board/core/trace.h"
 #include "tools/qelboard/home.h"
 #include "tools/qelboard/run.h"
+#include "tools/qelboard/step_fault.h"
 
 namespace qel::tool {
 
@@ -23,6 +24,7 @@ namespace fs = std::filesystem;
 constexpr const char *kFaultHelp = R"(A fault is one line:
   [chip N] NODE OPERATION[:REQUEST] ACTION [WHEN]      NODE may hold * and ?
   [chip N] [NODE] power-cut at N [torn BYTES]
+  [chip N] step NAME fail                              of `run` only: a step of the library's chains
     OPERATION  open close read write seek ioctl map term stat list mkdir remove rename umount run
                reboot, or *
     ACTION     fail ERRNO | short BYTES | flip BIT[,BIT...] | delay MS
@@ -64,6 +66,7 @@ void announce(void *context, const std::string &error) {
 }
 
 int serve(BoardChoice choice) {
+    for (const std::string &fault : choice.faults) refuse_step_fault(fault);
     make_absolute(choice);
     const bool temporary = choice.dir.empty();
     const Home home(temporary ? make_temporary_dir() : choice.dir);
@@ -153,6 +156,7 @@ void add_run(CLI::App &app, CommandLine &line) {
         if (line.command.empty()) throw Failure("run needs a command: qelboard run BOARD -- COMMAND");
         options->command = line.command;
         make_absolute(options->choice);
+        options->step_faults = take_step_faults(options->choice.faults);
         line.code = run_on_board(*options);
     });
 }
@@ -212,10 +216,11 @@ void add_fault(CLI::App &app, CommandLine &line) {
     verb->callback([options, &line] {
         options->words.insert(options->words.end(), line.command.begin(), line.command.end());
         if (options->words.empty() && !options->clear) throw Failure("which fault? See --help", 2);
-        const auto link = connect_control(running_socket(options->dir));
-        if (options->clear) command(*link, {"clear-faults"});
         std::string fault;
         for (const std::string &word : options->words) fault += (fault.empty() ? "" : " ") + word;
+        refuse_step_fault(fault);
+        const auto link = connect_control(running_socket(options->dir));
+        if (options->clear) command(*link, {"clear-faults"});
         if (!fault.empty()) command(*link, {"fault", fault});
     });
 }
