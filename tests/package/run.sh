@@ -45,3 +45,5 @@ for program in "$scratch"/{cmake,plain}/{qel-first,xcc-first}; do
 done
 on_board dome "$scratch/cmake/from-cpp"
 on_board dome "$package/bin/qelctl" info >/dev/null
+OSA_LOG=error timeout 60 "$package/bin/qelboard" run dome --fault "step QEL_comInit fail" -- \
+    "$package/bin/qelctl" version 2>&1 >/dev/null | grep -q "QEL_comInit execute Error"
