@@ -61,7 +61,9 @@ int QEL_chnMapInit(void) {
     uint32_t total = read_total(fd);
     if (QEL_adapterGetProcessID() < 0 || total > kMaxChannels) total = 0;
     if (total != 0) {
-        auto *entries = static_cast<ChannelEntry *>(OSA_memCalloc(total * sizeof(ChannelEntry)));
+        // Room for all that a driver can have: the request for the table carries no length, and the driver
+        // may answer more than it counted a moment ago.
+        auto *entries = static_cast<ChannelEntry *>(OSA_memCalloc(kMaxChannels * sizeof(ChannelEntry)));
         if (entries == nullptr) return OSA_EFAIL;
         state.table = {entries, total};
         fill(fd, state.table);

@@ -1,25 +1,18 @@
 // main.cpp - what a request to a virtual device costs: through the server and within the process.
 //
 // Through the server it is held against a raw ping-pong of two processes over the same kind of
-// socket, within the process against a system call. All are measured in turns, so that what else the
-// machine does meanwhile hits all of them. Prints rows as bench/CMakeLists.txt describes, medians
-// over the rounds. Limits: 20 us through the server on one core, 1 us within the process.
+// socket, within the process against a system call. Limits: 20 us through the server on one core, 1 us
+// within the process.
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <algorithm>
-#include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <string>
-#include <vector>
 
+#include "bench/measure.h"
 #include "board/core/board.h"
 #include "board/net/server.h"
 #include "os/hook.h"
@@ -27,83 +20,10 @@
 
 namespace {
 
-constexpr int kRounds = 15;
-constexpr int kCalls = 3000;
+using namespace qel::bench;
+
+constexpr int kCallsPerRound = 3000;
 constexpr size_t kRecordBytes = 8;
-
-[[noreturn]] void give_up(const char *what) {
-    fprintf(stderr, "bench-board: %s failed\n", what);
-    _exit(1);
-}
-
-void expect(bool condition, const char *what) {
-    if (!condition) give_up(what);
-}
-
-std::vector<int> own_cores() {
-    cpu_set_t set;
-    expect(sched_getaffinity(0, sizeof set, &set) == 0, "sched_getaffinity");
-    std::vector<int> cores;
-    for (int core = 0; core < CPU_SETSIZE; ++core) {
-        if (CPU_ISSET(core, &set)) cores.push_back(core);
-    }
-    return cores;
-}
-
-void run_on(int core) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(core, &set);
-    expect(sched_setaffinity(0, sizeof set, &set) == 0, "sched_setaffinity");
-}
-
-// A forked process that ends with its parent.
-class Child {
-public:
-    explicit Child(const std::function<void()> &body) : pid_(fork()) {
-        expect(pid_ >= 0, "fork");
-        if (pid_ != 0) return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        body();
-        _exit(0);
-    }
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
-    ~Child() {
-        kill(pid_, SIGTERM);
-        waitpid(pid_, nullptr, 0);
-    }
-
-private:
-    pid_t pid_;
-};
-
-double median(std::vector<double> values) {
-    std::ranges::nth_element(values, values.begin() + static_cast<ptrdiff_t>(values.size() / 2));
-    return values[values.size() / 2];
-}
-
-// Microseconds of one call.
-double time_of(const std::function<void()> &call) {
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kCalls; ++i) call();
-    const std::chrono::duration<double, std::micro> taken = std::chrono::steady_clock::now() - start;
-    return taken.count() / kCalls;
-}
-
-void compare(const char *what, const std::function<void()> &call, const char *with,
-             const std::function<void()> &bare) {
-    std::vector<double> calls;
-    std::vector<double> bares;
-    for (int i = 0; i < kRounds; ++i) {
-        calls.push_back(time_of(call));
-        bares.push_back(time_of(bare));
-    }
-    const double cost = median(calls);
-    const double bare_cost = median(bares);
-    printf("| %s | %.2f us | %s | %.2f us | %.2f |\n", what, cost, with, bare_cost, cost / bare_cost);
-    fflush(stdout);
-}
 
 // One request of the gate: an output line is read, 8 bytes each way.
 class GpioLine {
@@ -137,7 +57,7 @@ void echo(int socket) {
 qel::board::Server *g_server = nullptr;
 
 void serve(const std::string &socket, int core, int ready) {
-    run_on(core);
+    run_on({core});
     qel::board::Board board(qel::board::find_board("box"));
     qel::board::Server server(board, socket);
     g_server = &server;
@@ -156,7 +76,7 @@ void measure_through_server(int core, int other_core, const char *where) {
     {
         const Child server([&] { serve(socket, other_core, ready[1]); });
         const Child echoing([&] {
-            run_on(other_core);
+            run_on({other_core});
             echo(pair[1]);
         });
         char byte = 0;
@@ -165,11 +85,12 @@ void measure_through_server(int core, int other_core, const char *where) {
         int status = 0;
         const pid_t client = fork();
         if (client == 0) {
-            run_on(core);
+            run_on({core});
             setenv("QELBOARD_SOCKET", socket.c_str(), 1);
             GpioLine line;
-            compare((std::string("ioctl of a virtual device through the server, ") + where).c_str(),
-                    [&] { line.read(); }, "raw ping-pong", [&] { ping(pair[0]); });
+            compare(
+                {std::string("ioctl of a virtual device through the server, ") + where, [&] { line.read(); }},
+                {"raw ping-pong", [&] { ping(pair[0]); }}, kCallsPerRound);
             _exit(0);
         }
         expect(waitpid(client, &status, 0) == client && status == 0, "the client");
@@ -179,19 +100,18 @@ void measure_through_server(int core, int other_core, const char *where) {
 }
 
 void measure_in_process(int core) {
-    run_on(core);
+    run_on({core});
     qel::board::Board board(qel::board::find_board("box"));
     board.enter();
     GpioLine line;
-    compare(
-        "ioctl of a virtual device within the process", [&] { line.read(); }, "getppid system call",
-        [] { syscall(SYS_getppid); });
+    compare({"ioctl of a virtual device within the process", [&] { line.read(); }},
+            {"getppid system call", [] { syscall(SYS_getppid); }}, kCallsPerRound);
 }
 
 }  // namespace
 
 int main() {
-    const std::vector<int> cores = own_cores();
+    const Cores cores = own_cores();
     measure_through_server(cores[0], cores[0], "one core");
     if (cores.size() > 1) measure_through_server(cores[0], cores[1], "two cores");
     measure_in_process(cores[0]);

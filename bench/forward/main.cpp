@@ -1,31 +1,25 @@
 // main.cpp - what a call to another chip costs, against a raw ping-pong between two processes.
 //
 // The slave hands each message from its receiving thread to a worker, as the library does: three
-// hand-overs where the ping-pong has two. Both are measured in turns, so that what else the machine
-// does meanwhile hits both. Prints rows as bench/CMakeLists.txt describes, medians over the rounds.
-#include <sched.h>
-#include <sys/prctl.h>
+// hand-overs where the ping-pong has two.
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
-#include <algorithm>
-#include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "bench/measure.h"
 #include "os/hook.h"
 #include "platform/include/osa.h"
 #include "platform/include/xcc.h"
 
 namespace {
 
-constexpr int kRounds = 15;
+using namespace qel::bench;
+
 constexpr int kCallsPerRound = 3000;
 constexpr int kBulkCallsPerRound = 40;
 constexpr size_t kSmallBytes = 64;
@@ -35,59 +29,11 @@ constexpr unsigned kRecords = 64;
 
 char run_dir[64];
 
-[[noreturn]] void give_up(const char *what) {
-    fprintf(stderr, "bench-forward: %s failed\n", what);
-    _exit(1);  // a child leaves its parent's output alone
-}
-
-void expect(bool condition, const char *what) {
-    if (!condition) give_up(what);
-}
-
-// The cores this program may use.
-std::vector<int> own_cores() {
-    cpu_set_t set;
-    expect(sched_getaffinity(0, sizeof set, &set) == 0, "sched_getaffinity");
-    std::vector<int> cores;
-    for (int core = 0; core < CPU_SETSIZE; ++core) {
-        if (CPU_ISSET(core, &set)) cores.push_back(core);
-    }
-    return cores;
-}
-
-void run_on(const std::vector<int> &cores) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    for (const int core : cores) CPU_SET(core, &set);
-    expect(sched_setaffinity(0, sizeof set, &set) == 0, "sched_setaffinity");
-}
-
-// A forked process that ends with its parent.
-class Child {
-public:
-    explicit Child(const std::function<void()> &body) : pid_(fork()) {
-        expect(pid_ >= 0, "fork");
-        if (pid_ != 0) return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        body();
-        _exit(0);
-    }
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
-    ~Child() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-
-private:
-    pid_t pid_;
-};
-
 // ---- the ping-pong ----
 
 class PingPong {
 public:
-    explicit PingPong(const std::vector<int> &cores)
+    explicit PingPong(const Cores &cores)
         : sockets_(make_pair_of_sockets()), echo_([this, &cores] { echo(cores); }) {}
     ~PingPong() {
         close(sockets_[0]);
@@ -106,7 +52,7 @@ private:
         return {pair[0], pair[1]};
     }
 
-    void echo(const std::vector<int> &cores) const {
+    void echo(const Cores &cores) const {
         run_on(cores);
         char message[kSmallBytes];
         for (;;) {
@@ -156,7 +102,7 @@ uintptr_t open_channel(uint32_t chip, const char *name, uint32_t peer_chip, cons
     return channel;
 }
 
-void serve(const std::vector<int> &cores) {
+void serve(const Cores &cores) {
     run_on(cores);
     static XCC_BufInfo records[kRecords];
     Slave slave;
@@ -179,7 +125,7 @@ void serve(const std::vector<int> &cores) {
 
 class Forwarding {
 public:
-    explicit Forwarding(const std::vector<int> &cores)
+    explicit Forwarding(const Cores &cores)
         : slave_([&cores] { serve(cores); }), channel_(open_channel(0, "master", 1, "slave")) {}
     ~Forwarding() {
         XCC_delete(channel_);
@@ -203,44 +149,7 @@ private:
 
 // ---- measuring ----
 
-double median(std::vector<double> values) {
-    std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2), values.end());
-    return values[values.size() / 2];
-}
-
-double us_per_call(int calls, const std::function<void()> &call) {
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < calls; ++i) call();
-    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() /
-           calls;
-}
-
-struct Measured {
-    std::vector<double> cost_us;
-    std::vector<double> against_us;
-
-    void print(const char *what, const char *against, const std::string &where) const {
-        std::vector<double> ratios;
-        for (size_t i = 0; i < cost_us.size(); ++i) ratios.push_back(cost_us[i] / against_us[i]);
-        printf("| %s, %s | %.2f us | %s | %.2f us | %.2f |\n", what, where.c_str(), median(cost_us), against,
-               median(against_us), median(ratios));
-    }
-};
-
-// Alternates two ways; the first round of each only warms up.
-Measured measure(int calls, const std::function<void()> &way, const std::function<void()> &against) {
-    Measured measured;
-    for (int round = 0; round <= kRounds; ++round) {
-        const double against_us = us_per_call(calls, against);
-        const double cost_us = us_per_call(calls, way);
-        if (round == 0) continue;
-        measured.cost_us.push_back(cost_us);
-        measured.against_us.push_back(against_us);
-    }
-    return measured;
-}
-
-void compare(const std::vector<int> &own, const std::vector<int> &others, const std::string &where) {
+void measure(const Cores &own, const Cores &others, const std::string &where) {
     run_on(own);
     const PingPong ping_pong(others);
     const Forwarding forwarding(others);
@@ -248,17 +157,16 @@ void compare(const std::vector<int> &own, const std::vector<int> &others, const 
     std::vector<char> bulk(kBulkBytes);
     std::vector<char> copy(kBulkBytes);
 
-    measure(
-        kCallsPerRound, [&] { forwarding.call(small, sizeof small); },
-        [&] { ping_pong.call(small, sizeof small); })
-        .print("64-byte call and answer over a channel", "SOCK_SEQPACKET ping-pong", where);
-    measure(
-        kBulkCallsPerRound, [&] { forwarding.call(bulk.data(), bulk.size()); },
-        [&] {
-            memcpy(copy.data(), bulk.data(), bulk.size());
-            memcpy(bulk.data(), copy.data(), copy.size());
-        })
-        .print("1 MiB call and answer over a channel", "memcpy there and back", where);
+    compare(
+        {"64-byte call and answer over a channel, " + where, [&] { forwarding.call(small, sizeof small); }},
+        {"SOCK_SEQPACKET ping-pong", [&] { ping_pong.call(small, sizeof small); }}, kCallsPerRound);
+    const auto copy_there_and_back = [&] {
+        memcpy(copy.data(), bulk.data(), bulk.size());
+        memcpy(bulk.data(), copy.data(), copy.size());
+    };
+    compare({"1 MiB call and answer over a channel, " + where,
+             [&] { forwarding.call(bulk.data(), bulk.size()); }},
+            {"memcpy there and back", copy_there_and_back}, kBulkCallsPerRound);
 }
 
 qel_world make_world() {
@@ -284,11 +192,11 @@ int main() {
     snprintf(run_dir, sizeof run_dir, "%s", temporary.c_str());
     expect(mkdtemp(run_dir) != nullptr, "mkdtemp");
 
-    const std::vector<int> cores = own_cores();
-    compare({cores[0]}, {cores[0]}, "one core");
+    const Cores cores = own_cores();
+    measure({cores[0]}, {cores[0]}, "one core");
     if (cores.size() > 1) {
-        compare({cores[0], cores[1]}, {cores[0], cores[1]}, "two cores");
-        compare({cores[0]}, {cores[1]}, "each on its own core");
+        measure({cores[0], cores[1]}, {cores[0], cores[1]}, "two cores");
+        measure({cores[0]}, {cores[1]}, "each on its own core");
     }
     std::filesystem::remove_all(run_dir);
     return 0;
