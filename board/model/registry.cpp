@@ -9,6 +9,7 @@ extern const DeviceClass kHwidClass;
 extern const DeviceClass kChannelMapClass;
 extern const DeviceClass kMiscClass;
 extern const DeviceClass kGpioClass;
+extern const DeviceClass kEepromClass;
 
 namespace {
 
@@ -18,6 +19,7 @@ std::vector<const DeviceClass *> &registry() {
         &kChannelMapClass,
         &kMiscClass,
         &kGpioClass,
+        &kEepromClass,
     };
     return all;
 }
