@@ -8,6 +8,7 @@
 
 #include "qel/eeprom.h"
 #include "qel/frame.h"
+#include "qel/rawflash.h"
 
 QEL_BEGIN_DECLS
 
@@ -115,13 +116,12 @@ QEL_API char *PART_getLine(char **text);
 /* Parse in place: `text` and `line` are changed. *count: in, room in `out`; out, records (32 at most). */
 QEL_API int PART_parsePartinfo(char *text, uint32_t version, PartitionDescription *out, uint32_t *count);
 QEL_API int PART_parsePartinfoLine(char *line, uint32_t version, PartitionDescription *out);
-struct RawFlash;
 /*
  * Takes over the description in an upgrade image, and writes the image to the copy of the partition
  * "partition" that the device does not run from, unless the boot loader switches between copies.
  * Blocks as long as that write does.
  */
-QEL_API int Flash_flushPart(struct RawFlash *flash, const void *image, uint32_t length);
+QEL_API int Flash_flushPart(RawFlash *flash, const void *image, uint32_t length);
 
 /* ---- upgrade and backup state ---- */
 
