@@ -8,7 +8,6 @@
 // The test's face: "read ADDRESS BYTES" answers the bytes, "write ADDRESS HEX" and "fill HEX-BYTE" put
 // bytes on the chip without the driver, "page-writes" answers how many pages were written.
 #include <algorithm>
-#include <charconv>
 #include <stdexcept>
 
 #include "board/core/chip.h"
@@ -17,6 +16,7 @@
 #include "board/core/report.h"
 #include "board/model/eeprom_map.h"
 #include "board/model/records.h"
+#include "board/model/words.h"
 #include "qel/eeprom_driver.h"
 
 namespace qel::board {
@@ -183,13 +183,6 @@ void Eeprom::show(Report &report) const {
     }
     report.lines("map (H head, letters files, capitals their headers, - free, # and . nobody's)",
                  eeprom_map(content_, files));
-}
-
-bool parse_number(const std::string &word, uint32_t &out) {
-    const bool hex = word.rfind("0x", 0) == 0;
-    const char *begin = word.data() + (hex ? 2 : 0);
-    const auto [rest, error] = std::from_chars(begin, word.data() + word.size(), out, hex ? 16 : 10);
-    return error == std::errc() && rest == word.data() + word.size();
 }
 
 Answer Eeprom::poke(const std::vector<std::string> &words) {
