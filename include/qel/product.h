@@ -140,6 +140,55 @@ QEL_API int QEL_saveKeysValue(const char *path, const KeyValueRecord *records, u
 
 extern QEL_API int gIsMutexCreate; /* 1 once the mutex of the byte sum exists; for reading only */
 
+/* ---- boot environment parameters ---- */
+
+/*
+ * The parameters that the boot loader keeps in the partition "hwid", one copy of them for all
+ * processes. Every call blocks while another process or thread is in one of them. The first call of a
+ * process reads the block from flash; a get touches no device afterwards and allocates nothing. Every
+ * set or delete writes the whole block to flash and returns when the driver has taken it. What goes
+ * wrong with the flash is told on standard output.
+ */
+#define QEL_BOOT_PARAMETER_BYTES 256
+
+/*
+ * Copies the value with its terminator to `value`, which holds `size` bytes; more than 255 count as
+ * 255. -1 for a missing parameter and for a value that does not fit.
+ */
+QEL_API int getBootParameter(const char *name, char *value, int size);
+QEL_API int get_armboot_para(const char *name, char *value, int size);
+/*
+ * Of the chip that owns a logical channel; asks that chip where it is another, without a time limit,
+ * and copies `size` bytes then. The name has at most 31 characters for another chip.
+ */
+QEL_API int getBootParameterByChn(unsigned logChn, const char *name, char *value, int size);
+
+/*
+ * The name is not empty and holds no "=". -1 also where the block has no room: then the old value is
+ * gone for all processes until the block is read from flash again. When flash could not be written
+ * the processes see the new value although the call failed. Hardware addresses ("ethaddr", "ethaddr1",
+ * "wifiaddr") of products of category 1 change only while "/var/tmp/ethaddr" exists.
+ */
+QEL_API int setBootParameter(const char *name, const char *value);
+QEL_API int set_armboot_para(const char *name, const char *value);
+/* 0 also where there is no such parameter. */
+QEL_API int QEL_delBootParameter(const char *name);
+
+/*
+ * The pieces of it, for tools that look after the environment. ENV_init attaches and loads unless
+ * that has happened, ENV_getPlatformInfo in any case; both, like ENV_readenv and ENV_writeenv, between
+ * ENV_SemLock and ENV_SemUnlock. The latter two move a whole block between memory and a descriptor of
+ * the partition and fail before the environment is attached. ENV_setVal is setBootParameter.
+ */
+QEL_API int ENV_fileInit(void);
+QEL_API int ENV_init(void);
+QEL_API int ENV_getPlatformInfo(void);
+QEL_API int ENV_readenv(int fd, void *block);
+QEL_API int ENV_writeenv(int fd, const void *block);
+QEL_API int ENV_SemLock(void);
+QEL_API int ENV_SemUnlock(void);
+QEL_API int ENV_setVal(const char *name, const char *value);
+
 /* ---- chain ---- */
 
 QEL_API int QEL_productInit(void);
