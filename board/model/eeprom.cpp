@@ -181,8 +181,7 @@ void Eeprom::show(Report &report) const {
     } else {
         report.value("files", std::string("no file system"));
     }
-    report.lines("map (H head, letters files, capitals their headers, - free, # and . nobody's)",
-                 eeprom_map(content_, files));
+    report.map("map", eeprom_map(content_, files));
 }
 
 Answer Eeprom::poke(const std::vector<std::string> &words) {

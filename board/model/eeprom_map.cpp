@@ -74,6 +74,30 @@ char mark_of(const std::string &marks, size_t from, size_t bytes) {
     return header != std::string::npos ? part[header] : part.front();
 }
 
+// Colours that everyone can tell apart; nine, as many as files have marks.
+constexpr const char *kHeadColour = "#000000";
+constexpr const char *kFileColours[] = {"#0072B2", "#009E73", "#CC79A7", "#56B4E9", "#F0E442",
+                                        "#117733", "#882255", "#332288", "#AA4499"};
+constexpr const char *kUsedColour = "#999999";
+constexpr const char *kFreeColour = "#DDEEDD";
+constexpr const char *kErasedColour = "#EEEEEE";
+
+std::vector<CellMap::Kind> kinds_of(const EepromFiles &files) {
+    std::vector<CellMap::Kind> kinds;
+    if (files.found) kinds.push_back({'H', "head", kHeadColour});
+    for (size_t i = 0; i < std::min(files.files.size(), std::size(kFileColours)); ++i) {
+        const EepromFile &file = files.files[i];
+        if (!file.on_chip) continue;
+        const std::string name = file.name.empty() ? "no name" : file.name;
+        kinds.push_back({static_cast<char>('A' + i), name + ": header", "#555555"});
+        kinds.push_back({static_cast<char>('a' + i), name, kFileColours[i]});
+    }
+    if (files.found) kinds.push_back({'-', "free", kFreeColour});
+    kinds.push_back({'#', "nobody's", kUsedColour});
+    kinds.push_back({'.', "empty", kErasedColour});
+    return kinds;
+}
+
 }  // namespace
 
 EepromFiles read_eeprom_files(Bytes chip, uint32_t page_bytes) {
@@ -91,20 +115,22 @@ EepromFiles read_eeprom_files(Bytes chip, uint32_t page_bytes) {
     return files;
 }
 
-std::vector<std::string> eeprom_map(Bytes chip, const EepromFiles &files) {
+CellMap eeprom_map(Bytes chip, const EepromFiles &files) {
     const std::string marks = marks_of(chip, files);
     size_t per_mark = 1;
     while (marks.size() > per_mark * kMarksPerLine * kMostLines) per_mark *= 2;
-    std::vector<std::string> lines;
+    CellMap map{.scale = "one mark: " + std::to_string(per_mark) + (per_mark == 1 ? " byte" : " bytes"),
+                .kinds = kinds_of(files),
+                .rows = {}};
     for (size_t at = 0; at < marks.size();) {
         char address[24];
-        snprintf(address, sizeof(address), "%06zx  ", at);
-        std::string line = address;
+        snprintf(address, sizeof(address), "%06zx", at);
+        CellMap::Row row{address, ""};
         for (size_t i = 0; i < kMarksPerLine && at < marks.size(); ++i, at += per_mark)
-            line += mark_of(marks, at, per_mark);
-        lines.push_back(line);
+            row.marks += mark_of(marks, at, per_mark);
+        map.rows.push_back(std::move(row));
     }
-    return lines;
+    return map;
 }
 
 }  // namespace qel::board

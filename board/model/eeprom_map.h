@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "board/core/device.h"
+#include "board/core/report.h"
 
 namespace qel::board {
 
@@ -29,8 +30,8 @@ struct EepromFiles {
 
 EepromFiles read_eeprom_files(Bytes chip, uint32_t page_bytes);
 
-// Lines of 64 marks with the address in front: H head, a to i the files (capital: header), - free,
+// Rows of 64 marks with the address in front: H head, a to i the files (capital: header), - free,
 // # bytes in use by nobody, . erased or zero and in use by nobody.
-std::vector<std::string> eeprom_map(Bytes chip, const EepromFiles &files);
+CellMap eeprom_map(Bytes chip, const EepromFiles &files);
 
 }  // namespace qel::board

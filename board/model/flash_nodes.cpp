@@ -13,7 +13,6 @@
 #include <cerrno>
 
 #include "board/core/errors.h"
-#include "board/core/report.h"
 #include "board/model/records.h"
 #include "board/model/words.h"
 
@@ -44,7 +43,6 @@ public:
     Answer read(Handle &handle, uint32_t bytes) override;
     Answer write(Handle &handle, Bytes bytes) override;
     Answer seek(Handle &handle, int64_t offset, int whence) override;
-    void show(Report &report) const override;
     Answer poke(const std::vector<std::string> &words) override;
 
 protected:
@@ -171,12 +169,7 @@ public:
     using PartitionNode::PartitionNode;
 };
 
-// ---- for people and tests ----
-
-void PartitionNode::show(Report &report) const {
-    report.value("partition", partition_.name);
-    report.value("bytes", static_cast<int64_t>(partition_.size));
-}
+// ---- for tests ----
 
 Answer PartitionNode::poke_block(const std::string &verb, uint64_t block) {
     const uint64_t erase_bytes = flash_->geometry().erase_bytes;

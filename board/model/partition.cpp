@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "board/core/report.h"
+#include "board/model/flash_map.h"
 #include "board/model/flash_nodes.h"
 #include "board/model/records.h"
 
@@ -154,9 +154,7 @@ Answer Driver::ioctl(Handle &, uint32_t request, Bytes in) {
     }
 }
 
-void Driver::show(Report &report) const {
-    report.value("partitions", static_cast<int64_t>(flash_->partitions().size()));
-}
+void Driver::show(Report &report) const { show_flash(*flash_, report); }
 
 // ---- the board's description ----
 
