@@ -48,6 +48,10 @@ bool append(Block block, const char *name, const char *value);
 uint32_t crc_of(ConstBlock block);  // of everything behind the CRC's own place
 void store_crc(Block block);
 
+// What stands in the CRC's place of the shared copy while that or the flash is not whole.
+constexpr uint32_t kCopying = 0x5A1C0BE7;  // the copy is being replaced: flash has the block
+constexpr uint32_t kSaving = 0x5A1C0BE8;   // flash is being written: the copy is whole
+
 constexpr size_t kMacBytes = 6;
 // Hexadecimal bytes with one character between; what is missing is 0.
 void parse_mac(const char *text, uint8_t (&mac)[kMacBytes]);

@@ -37,9 +37,6 @@ constexpr const char *kMacNames[] = {"ethaddr", "ethaddr1", "wifiaddr"};
 constexpr const char *kMacMayChange = "/var/tmp/ethaddr";
 constexpr int kCategoryWithFixedMac = 1;
 
-constexpr uint32_t kCopying = 0x5A1C0BE7;
-constexpr uint32_t kSaving = 0x5A1C0BE8;
-
 // Under the semaphore, but for the keys, which do not change while the library is loaded.
 struct State {
     int semaphore_key = kFallbackSemaphoreKey;

@@ -163,8 +163,6 @@ int save(const char *function, const char *path, std::span<const KeyValueRecord>
     return write_text(function, path);
 }
 
-bool is_key(const KeyValueRecord &record) { return memchr(record.key, '\0', sizeof record.key) != nullptr; }
-
 }  // namespace
 
 }  // namespace qel::keyvalue

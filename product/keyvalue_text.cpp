@@ -55,14 +55,13 @@ bool put_record(const KeyValueRecord &record, Line &line, bool *changed) {
     return true;
 }
 
-// A file that somebody else wrote may end without a line feed.
-void end_last_line(CheckedText *text) {
-    if (text->count == 0) return;
-    Line &last = text->lines[text->count - 1];
-    const size_t length = strlen(last);
-    if (length + 1 == sizeof last || (length > 0 && last[length - 1] == '\n')) return;
-    last[length] = '\n';
-    last[length + 1] = '\0';
+// A file that somebody else wrote may end without a line feed or hold zero bytes: without an end of
+// its own such a line would run into the next.
+void end_line(Line &line) {
+    const size_t length = strlen(line);
+    if (length + 1 == sizeof line || (length > 0 && line[length - 1] == '\n')) return;
+    line[length] = '\n';
+    line[length + 1] = '\0';
 }
 
 }  // namespace
@@ -181,6 +180,11 @@ uint16_t byte_sum(const CheckedText &text) {
     return sum;
 }
 
+bool is_key(const KeyValueRecord &record) {
+    if (record.key[0] == '\0' || memchr(record.key, '\0', sizeof record.key) == nullptr) return false;
+    return strpbrk(record.key, "\r\n") == nullptr && !holds(record.key, kSumKey);
+}
+
 Update put_records(std::span<const KeyValueRecord> records, CheckedText *text) {
     // Each record needs a line of its own in the end.
     if (records.size() > kMaxCheckedLines) return Update::kTooLong;
@@ -196,7 +200,7 @@ Update put_records(std::span<const KeyValueRecord> records, CheckedText *text) {
     }
     if (!changed && hits == records.size()) return Update::kNone;
     if (!text->complete) return Update::kTooLong;
-    end_last_line(text);
+    for (unsigned i = 0; i < text->count; ++i) end_line(text->lines[i]);
     for (size_t r = 0; r < records.size(); ++r) {
         if (present[r]) continue;
         if (text->count == text->lines.size()) return Update::kTooLong;

@@ -74,6 +74,9 @@ struct CheckedText {
 void read_checked(Lines &lines, CheckedText *out);
 uint16_t byte_sum(const CheckedText &text);
 
+// Terminated, not empty, without what ends a line or marks the line of the sum.
+bool is_key(const KeyValueRecord &record);
+
 enum class Update {
     kNone,  // every record stands in the text already, once
     kChanged,

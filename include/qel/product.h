@@ -126,7 +126,7 @@ QEL_API int QEL_getTagKeyVal(const char *path, const char *tag, const char *key,
 QEL_API int QEL_getGropKeyVal(const char *path, const char *tag, const char *key, int *values, int count);
 
 typedef struct {
-    char key[32]; /* with its terminator */
+    char key[32]; /* with its terminator; not empty, no line end, not "crcSum" */
     int32_t value;
 } KeyValueRecord;
 

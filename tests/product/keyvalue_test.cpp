@@ -230,6 +230,12 @@ TEST_F(KeyValue, AWriteThatFailsIsAnError) {
     KeyValueRecord unterminated = {"", 1};
     memset(unterminated.key, 'k', sizeof unterminated.key);
     EXPECT_EQ(save({unterminated}), -1);
+    for (const char *key : {"", "a\nb", "my_crcSum"}) {
+        KeyValueRecord record = {"", 1};
+        strcpy(record.key, key);
+        EXPECT_EQ(save({record}), -1) << key;
+    }
+    EXPECT_EQ(unit.log.count("): bad argument\n"), 4);
     EXPECT_EQ(UNIT_CALL(unit, QEL_saveKeysValue)("/tmp/no/such/folder", &unterminated, 0), 0);
     const KeyValueRecord record = {"a", 1};
     EXPECT_EQ(UNIT_CALL(unit, QEL_saveKeysValue)("/tmp/no/such/folder", &record, 1), -1);
