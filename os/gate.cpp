@@ -179,6 +179,12 @@ ssize_t read_file(const char *path, void *buffer, size_t bytes) {
 
 int process_id() { return static_cast<int>(getpid()); }
 
+int64_t wall_clock_s() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec};
+}
+
 void print_out(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);

@@ -85,6 +85,9 @@ private:
 // Of this process; a fork()ed child's differs from what its parent noted.
 int process_id();
 
+// Seconds since 1970, as the machine's clock has them now.
+int64_t wall_clock_s();
+
 // Plain text to the process's standard output and error streams.
 void print_out(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void print_err(const char *format, ...) __attribute__((format(printf, 1, 2)));

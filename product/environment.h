@@ -3,8 +3,8 @@
 
 namespace qel::environment {
 
-// The value of a boot parameter with its terminator, which together must fit `size` bytes. 0, or -1
-// for a missing parameter, which is also told on standard output. Takes no lock of another module.
+// As getBootParameter, without its check of the pointers. Asks for board properties while it attaches:
+// never call it with the product module's mutex held.
 int read_parameter(const char *name, char *value, int size);
 
 }  // namespace qel::environment

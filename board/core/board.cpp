@@ -11,6 +11,7 @@
 #include "board/core/impl.h"
 #include "board/core/local_link.h"
 #include "board/core/report.h"
+#include "board/core/show_svg.h"
 #include "board/core/world.h"
 
 namespace qel::board {
@@ -194,6 +195,7 @@ bool Board::has_power() const {
 
 void Board::power_on() {
     const Lock lock(impl_->mutex);
+    if (!impl_->unit.has_power()) impl_->workplace.forget_memory();
     impl_->unit.power_on();
 }
 
@@ -207,6 +209,13 @@ std::string Board::show(bool json) const {
     Report report;
     impl_->unit.show(report);
     return json ? report.as_json() : report.as_text();
+}
+
+std::string Board::show_svg() const {
+    const Lock lock(impl_->mutex);
+    Report report;
+    impl_->unit.show(report);
+    return draw_svg("Board \"" + impl_->unit.name() + "\"", report);
 }
 
 }  // namespace qel::board

@@ -79,6 +79,7 @@ public:
     void power_on();
     void save();  // writes device contents to the directory; also at the end
     std::string show(bool json) const;
+    std::string show_svg() const;  // a drawing of what flash and EEPROM hold
 
     struct Impl;  // impl.h
 

@@ -18,7 +18,7 @@ constexpr uint32_t kMostRunStatus = 255;
 }  // namespace
 
 Chip::Chip(ChipHost &host, uint32_t number, const Description &description, const std::string &dir)
-    : host_(host), number_(number), description_(description), tree_(dir + "/root") {
+    : host_(host), number_(number), description_(description), dir_(dir), tree_(dir + "/root") {
     build_machine(description);
     build_tree(description);
     const auto classes = device_classes();

@@ -44,6 +44,8 @@ public:
     Chip *other(uint32_t number) const { return host_.chip(number); }
     const Description &description() const { return description_; }
     const FileTree &tree() const { return tree_; }
+    // The host's folder of this chip, for models that keep their content in files of their own.
+    const std::string &dir() const { return dir_; }
 
     // Gives a device its node. For use in DeviceClass::build; throws std::invalid_argument when the
     // path is not absolute and normal or already taken.
@@ -88,6 +90,7 @@ private:
     ChipHost &host_;
     uint32_t number_;
     Description description_;
+    std::string dir_;
     FileTree tree_;
     Machine machine_;
     std::map<std::string, std::string> files_;  // initial contents by path

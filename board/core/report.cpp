@@ -12,8 +12,6 @@ struct Table {
     std::vector<std::vector<Cell>> rows;
 };
 
-using Lines = std::vector<std::string>;
-
 struct CellText {
     std::string operator()(int64_t number) const { return std::to_string(number); }
     std::string operator()(bool flag) const { return flag ? "yes" : "no"; }
@@ -64,17 +62,48 @@ void print_table(const Table &table, const std::string &margin, std::string &out
     }
 }
 
+void print_map(const CellMap &map, const std::string &margin, std::string &out) {
+    std::string legend = margin;
+    for (const CellMap::Kind &kind : map.kinds)
+        legend += std::string(1, kind.mark) + " " + kind.meaning + "   ";
+    out += trimmed(margin + map.scale) + trimmed(legend);
+    size_t width = 0;
+    for (const CellMap::Row &row : map.rows) width = std::max(width, width_of(row.label));
+    for (const CellMap::Row &row : map.rows) {
+        std::string line = margin;
+        pad(line, row.label, width, false);
+        out += trimmed(line + "  " + row.marks);
+    }
+}
+
+nlohmann::ordered_json json_of(const CellMap &map) {
+    auto object = nlohmann::ordered_json::object();
+    object["scale"] = map.scale;
+    auto &kinds = object["kinds"] = nlohmann::ordered_json::object();
+    for (const CellMap::Kind &kind : map.kinds) kinds[std::string(1, kind.mark)] = kind.meaning;
+    auto &rows = object["rows"] = nlohmann::ordered_json::array();
+    for (const CellMap::Row &row : map.rows) {
+        auto one = nlohmann::ordered_json::object();
+        one["label"] = row.label;
+        one["marks"] = row.marks;
+        rows.push_back(std::move(one));
+    }
+    return object;
+}
+
 }  // namespace
 
 struct Report::Section {
     struct Entry {
         std::string name;
-        std::variant<Cell, Table, Lines, std::unique_ptr<Section>> content;
+        std::variant<Cell, Table, CellMap, std::unique_ptr<Section>> content;
     };
     std::vector<Entry> entries;
 
     void print(const std::string &margin, std::string &out) const;
     nlohmann::ordered_json json() const;
+    void find_maps(const std::string &path,
+                   std::vector<std::pair<std::string, const CellMap *>> &found) const;
 };
 
 void Report::Section::print(const std::string &margin, std::string &out) const {
@@ -92,9 +121,7 @@ void Report::Section::print(const std::string &margin, std::string &out) const {
         }
         out += margin + entry.name + "\n";
         if (const auto *table = std::get_if<Table>(&entry.content)) print_table(*table, margin + "  ", out);
-        if (const auto *lines = std::get_if<Lines>(&entry.content)) {
-            for (const auto &line : *lines) out += trimmed(margin + "  " + line);
-        }
+        if (const auto *map = std::get_if<CellMap>(&entry.content)) print_map(*map, margin + "  ", out);
         if (const auto *section = std::get_if<std::unique_ptr<Section>>(&entry.content))
             (*section)->print(margin + "  ", out);
     }
@@ -104,7 +131,7 @@ nlohmann::ordered_json Report::Section::json() const {
     auto object = nlohmann::ordered_json::object();
     for (const Entry &entry : entries) {
         if (const auto *cell = std::get_if<Cell>(&entry.content)) object[entry.name] = json_of(*cell);
-        if (const auto *lines = std::get_if<Lines>(&entry.content)) object[entry.name] = *lines;
+        if (const auto *map = std::get_if<CellMap>(&entry.content)) object[entry.name] = json_of(*map);
         if (const auto *section = std::get_if<std::unique_ptr<Section>>(&entry.content))
             object[entry.name] = (*section)->json();
         const auto *table = std::get_if<Table>(&entry.content);
@@ -120,6 +147,16 @@ nlohmann::ordered_json Report::Section::json() const {
     return object;
 }
 
+void Report::Section::find_maps(const std::string &path,
+                                std::vector<std::pair<std::string, const CellMap *>> &found) const {
+    for (const Entry &entry : entries) {
+        const std::string here = path.empty() ? entry.name : path + " " + entry.name;
+        if (const auto *map = std::get_if<CellMap>(&entry.content)) found.emplace_back(here, map);
+        if (const auto *section = std::get_if<std::unique_ptr<Section>>(&entry.content))
+            (*section)->find_maps(here, found);
+    }
+}
+
 Report::Report() : root_(std::make_unique<Section>()), open_{root_.get()} {}
 Report::~Report() = default;
 
@@ -131,7 +168,10 @@ void Report::begin_section(const std::string &name) {
 }
 
 void Report::end_section() {
-    if (open_.size() > 1) open_.pop_back();
+    if (open_.size() == 1) return;
+    const bool is_empty = open_.back()->entries.empty();
+    open_.pop_back();
+    if (is_empty) open_.back()->entries.pop_back();
 }
 
 void Report::value(const std::string &name, Cell value) {
@@ -148,8 +188,14 @@ void Report::row(std::vector<Cell> cells) {
     table.rows.push_back(std::move(cells));
 }
 
-void Report::lines(const std::string &name, std::vector<std::string> lines) {
-    open_.back()->entries.push_back({name, std::move(lines)});
+void Report::map(const std::string &name, CellMap map) {
+    open_.back()->entries.push_back({name, std::move(map)});
+}
+
+std::vector<std::pair<std::string, const CellMap *>> Report::maps() const {
+    std::vector<std::pair<std::string, const CellMap *>> found;
+    root_->find_maps("", found);
+    return found;
 }
 
 std::string Report::as_text() const {

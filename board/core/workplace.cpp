@@ -24,12 +24,13 @@ namespace fs = std::filesystem;
 constexpr const char *kPrefix = "qelboard-";
 // Locked as long as a process of the board's owner lives, forked children included.
 constexpr const char *kAliveFile = "/alive";
+constexpr const char *kSysvList = "/sysv";
 // A folder without that file may be one that is just being made.
 constexpr auto kLongestMaking = std::chrono::hours(1);
 
 // "sem ID" and "shm ID", one per line, written by the processes that made them.
 void remove_sysv_objects(const std::string &run_dir) {
-    std::ifstream list(run_dir + "/sysv");
+    std::ifstream list(run_dir + kSysvList);
     std::string kind;
     for (int id = 0; list >> kind >> id;) {
         if (kind == "sem") semctl(id, 0, IPC_RMID);
@@ -112,6 +113,12 @@ Workplace::Workplace(const std::string &dir) : owner_(::getpid()), run_dir_(make
 }
 
 bool Workplace::keeps_content() const { return lock_fd_ >= 0 && ::getpid() == owner_; }
+
+void Workplace::forget_memory() const {
+    remove_sysv_objects(run_dir_);
+    std::error_code ignored;
+    fs::remove(run_dir_ + kSysvList, ignored);
+}
 
 Workplace::~Workplace() {
     if (lock_fd_ >= 0) ::close(lock_fd_);

@@ -23,6 +23,9 @@ public:
     bool keeps_content() const;
     // Sockets and the list of System V objects. Always temporary: the names of sockets must be short.
     const std::string &run_dir() const { return run_dir_; }
+    // Removes the System V objects: they are memory, and that is gone after a power cut. No process of
+    // the board may live.
+    void forget_memory() const;
 
 private:
     pid_t owner_;

@@ -1,11 +1,14 @@
 // misc.cpp - "/dev/qecMisc": the requests that have no device of their own.
 //
-// Answered here are the reboot and the place of the reserved memory. The others belong to serial lines
-// and to the microcontroller: they are known by name and answer ENOTTY, as on a board without them.
+// Answered here are the reboot, the place of the reserved memory and the number of EEPROM chips. The others
+// belong to serial lines and to the microcontroller: they are known by name and answer ENOTTY, as on a board
+// without them.
 #include "board/core/chip.h"
 #include "board/core/description.h"
 #include "board/core/report.h"
 #include "board/model/records.h"
+#include "qel/eeprom_driver.h"
+#include "qel/misc_driver.h"
 
 namespace qel::board {
 
@@ -24,6 +27,7 @@ constexpr RequestSpec kRequests[] = {
     {0xC0044D34, "GET_MCU_CAPS", 0, 4},
     {0xC0044D44, "MCU_CAPS_READ"},
     {kGetReservedMemory, "GET_RESERVED_MEMORY", 0, 8},
+    {QEL_MISC_GET_EEPROM_COUNT, "GET_EEPROM_COUNT", 0, 4},
 };
 
 class Misc final : public Device {
@@ -31,8 +35,8 @@ public:
     Misc(Chip &chip, const Description &description)
         : Device(chip),
           memory_start_(static_cast<uint32_t>(description.number("reserved_memory_start", 0, UINT32_MAX, 0))),
-          memory_bytes_(
-              static_cast<uint32_t>(description.number("reserved_memory_bytes", 0, UINT32_MAX, 0))) {}
+          memory_bytes_(static_cast<uint32_t>(description.number("reserved_memory_bytes", 0, UINT32_MAX, 0))),
+          counts_eeproms_(description.flag("counts_eeproms", true)) {}
     Answer ioctl(Handle &handle, uint32_t request, Bytes in) override;
     void show(Report &report) const override {
         report.value("reserved memory start", int64_t{memory_start_});
@@ -41,18 +45,29 @@ public:
 
 private:
     Answer reboot();
+    uint32_t eeprom_count() const;
 
     uint32_t memory_start_;  // both 0: the board has none
     uint32_t memory_bytes_;
+    bool counts_eeproms_;  // false: a driver that does not know the request
 };
 
 Answer Misc::ioctl(Handle &, uint32_t request, Bytes) {
     if (request == kReboot) return reboot();
+    if (request == QEL_MISC_GET_EEPROM_COUNT && counts_eeproms_)
+        return Answer::ok(0, u32_record(eeprom_count()));
     if (request != kGetReservedMemory) return Answer::fail(ENOTTY);
     Buffer out(8);
     put_u32(out, 0, memory_start_);
     put_u32(out, 4, memory_bytes_);
     return Answer::ok(0, std::move(out));
+}
+
+uint32_t Misc::eeprom_count() const {
+    if (chip().find(QEL_EEPROM_DEVICE) == nullptr) return 0;
+    uint32_t count = 1;
+    while (chip().find(QEL_EEPROM_DEVICE + std::to_string(count)) != nullptr) ++count;
+    return count;
 }
 
 Answer Misc::reboot() {

@@ -9,15 +9,14 @@ extern const DeviceClass kHwidClass;
 extern const DeviceClass kChannelMapClass;
 extern const DeviceClass kMiscClass;
 extern const DeviceClass kGpioClass;
+extern const DeviceClass kEepromClass;
+extern const DeviceClass kFlashClass;
 
 namespace {
 
 std::vector<const DeviceClass *> &registry() {
     static std::vector<const DeviceClass *> all = {
-        &kHwidClass,
-        &kChannelMapClass,
-        &kMiscClass,
-        &kGpioClass,
+        &kHwidClass, &kChannelMapClass, &kMiscClass, &kGpioClass, &kEepromClass, &kFlashClass,
     };
     return all;
 }

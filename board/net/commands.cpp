@@ -112,12 +112,12 @@ bool Commands::poke(const Words &words, std::string &text) {
 }
 
 bool Commands::show(const Words &words, std::string &text) {
-    const bool json = !words.empty();
-    if (json && words[0] != "json") {
-        text = "show knows \"json\" only";
+    const std::string form = words.empty() ? "text" : words[0];
+    if (form != "text" && form != "json" && form != "svg") {
+        text = "show knows \"text\", \"json\" and \"svg\"";
         return false;
     }
-    text = board_.show(json);
+    text = form == "svg" ? board_.show_svg() : board_.show(form == "json");
     return true;
 }
 

@@ -81,6 +81,14 @@ struct GPIO {
 /* Opens the device; the caller owns the one reference. -1 and *out = NULL on failure. */
 QEL_API int createGPIO(GPIO **out);
 
+/* ---- board record ---- */
+
+/*
+ * A hardware address was set: 0 "ethaddr", 1 "ethaddr1", 2 "wifiaddr". Called by the boot environment
+ * while it is locked: must not use a boot parameter. The record is not kept yet; the change is logged.
+ */
+QEL_API int QEL_recordSetMacChange(unsigned index, const unsigned char mac[6]);
+
 /* ---- chain ---- */
 
 QEL_API int QEL_rtcInit(void);

@@ -191,6 +191,18 @@ TEST_F(Chain, BeginsWithTheBuildBanner) {
     board_.leave();
 }
 
+TEST_F(Chain, FindsEverythingItWantsOnEveryBoard) {
+    for (const std::string &name : board::shipped_boards()) {
+        SCOPED_TRACE(name);
+        board::Board board(board::find_board(name));
+        if (board.chip_count() != 1) continue;  // wants the other chips, see below
+        board.enter({.chip = 0, .as = "vesta"});
+        run("");
+        EXPECT_EQ(errors(), std::vector<std::string>{});
+        board.leave();
+    }
+}
+
 // What a board can do to the chain by itself.
 TEST_F(Chain, LoadsWhateverTheProductDriverDoes) {
     struct Case {

@@ -262,10 +262,12 @@ TEST(ChannelMap, TakesTheMostThatABoardMayHave) {
     EXPECT_EQ(info_of(unit, 256), Info{}) << "the table counts channels in a byte";
 }
 
-TEST(ExtendedId, IsMissingWithoutItsParameter) {
+TEST(ExtendedId, IsMissingWithoutTheBootEnvironment) {
+    const std::string told =
+        "get hwid pation flash info error!\nGet EnvPlatInfo  Failed Fail to init env resource!";
     testing::internal::CaptureStdout();
     const Unit unit(described("", "1 = 1"));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fail to get env hwidEx!\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), told);
     unsigned char value = 0xEE;
     unsigned status = 0xEE;
     EXPECT_EQ(UNIT_CALL(unit, QEL_getHwidExInfo)(0, &value), -1);
@@ -279,7 +281,7 @@ TEST(ExtendedId, IsMissingWithoutItsParameter) {
     EXPECT_TRUE(unit.log.contains("): pFuncParam is null!\n"));
     testing::internal::CaptureStdout();
     EXPECT_EQ(UNIT_CALL(unit, QEL_hwidProbe)(), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Fail to get env HWID!\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), told);
     EXPECT_TRUE(unit.log.contains("): Get armboot para HWID error\n"));
 }
 

@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "board/core/board.h"
+#include "board/core/description.h"
 #include "board/net/commands.h"
 #include "board/net/server.h"
 
@@ -125,8 +126,10 @@ int serve_board(const BoardChoice &choice, const Home &home, board::UniqueFd loc
         board::Options options;
         options.dir = home.dir();
         options.time_scale = std::max(choice.time_scale, 1u);
-        board::Board served(board::find_board(choice.board), options);
-        if (!temporary) remember_board(home, served.name());
+        const std::string text = board::find_board(choice.board);
+        // First: a board finds nothing but trouble in what another one kept.
+        if (!temporary) remember_board(home, board::Description::parse(text).required_text("name"));
+        board::Board served(text, options);
         board::Commands commands(served);
         prepare(commands, choice);
         board::Server server(served, home.socket());

@@ -81,12 +81,13 @@ struct ShowOptions {
     std::string board;
     std::string dir;
     bool json = false;
+    std::string svg;  // the file to draw into
+    const char *form() const { return !svg.empty() ? "svg" : json ? "json" : "text"; }
 };
 
 // As it runs, or else as it would start.
 std::string show(const ShowOptions &options) {
-    const std::vector<std::string> words =
-        options.json ? std::vector<std::string>{"show", "json"} : std::vector<std::string>{"show"};
+    const std::vector<std::string> words = {"show", options.form()};
     if (!options.dir.empty() || options.board.empty()) {
         std::string error;
         const std::string socket = running_socket(options.dir);
@@ -96,7 +97,15 @@ std::string show(const ShowOptions &options) {
     }
     board::Options where;
     where.dir = options.dir;
-    return board::Board(board::find_board(options.board), where).show(options.json);
+    const board::Board board(board::find_board(options.board), where);
+    return !options.svg.empty() ? board.show_svg() : board.show(options.json);
+}
+
+void write_text(const std::string &path, const std::string &text) {
+    std::ofstream file(path, std::ios::binary);
+    file << text;
+    file.close();
+    if (!file) throw Failure("cannot write " + path);
 }
 
 // ---- new ---------------------------------------------------------------------------------------
@@ -104,10 +113,7 @@ std::string show(const ShowOptions &options) {
 void make_board_file(const std::string &path, const std::string &from, bool overwrite) {
     const std::string text = board::find_board(from);
     if (!overwrite && fs::exists(path)) throw Failure(path + " exists; --force writes over it");
-    std::ofstream file(path, std::ios::binary);
-    file << text;
-    file.close();
-    if (!file) throw Failure("cannot write " + path);
+    write_text(path, text);
     printf("%s is a copy of board \"%s\"; edit it, then: qelboard run %s -- COMMAND\n", path.c_str(),
            from.c_str(), path.find('/') == std::string::npos ? ("./" + path).c_str() : path.c_str());
 }
@@ -197,8 +203,16 @@ void add_show(CLI::App &app, CommandLine &) {
     auto options = std::make_shared<ShowOptions>();
     verb->add_option("board", options->board, "A board that does not run");
     add_dir(*verb, options->dir);
-    verb->add_flag("--json", options->json, "For programs");
-    verb->callback([options] { print(show(*options)); });
+    auto *json = verb->add_flag("--json", options->json, "For programs");
+    verb->add_option("--svg", options->svg, "Draw what flash and EEPROM hold into this file")->excludes(json);
+    verb->callback([options] {
+        const std::string text = show(*options);
+        if (options->svg.empty()) {
+            print(text);
+        } else {
+            write_text(options->svg, text);
+        }
+    });
 }
 
 void add_fault(CLI::App &app, CommandLine &line) {

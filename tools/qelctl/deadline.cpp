@@ -13,6 +13,7 @@ namespace {
 
 std::atomic<const char *> activity_now{"starting"};
 std::atomic<const char *> hint_now{""};
+unsigned limit_s = 0;
 
 // Only calls that are allowed in a signal handler.
 void write_raw(const char *text) {
@@ -30,11 +31,16 @@ void time_is_over(int) {
 }  // namespace
 
 void start_deadline(unsigned seconds) {
+    limit_s = seconds;
     if (seconds == 0) return;
     struct sigaction action = {};
     action.sa_handler = time_is_over;
     sigaction(SIGALRM, &action, nullptr);
     alarm(seconds);
+}
+
+void restart_deadline() {
+    if (limit_s != 0) alarm(limit_s);
 }
 
 void now_doing(const char *activity, const char *hint) {

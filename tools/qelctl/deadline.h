@@ -7,6 +7,9 @@ namespace qelctl {
 // Ends the process with ExitCode::kNoAnswer and a message when `seconds` are over; 0 = never.
 void start_deadline(unsigned seconds);
 
+// The time counts from now again: the work goes on.
+void restart_deadline();
+
 // What the message says qelctl was doing, and what may help. Both live as long as the process.
 void now_doing(const char *activity, const char *hint);
 

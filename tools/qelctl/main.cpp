@@ -20,7 +20,7 @@ int complain(ExitCode code, const std::string &what) {
 
 // The parser only says that a verb is missing.
 std::string what_is_no_verb(const CLI::App &app, const std::string &what) {
-    const std::vector<std::string> unknown = app.remaining();
+    const std::vector<std::string> unknown = app.remaining(true);
     if (!unknown.empty()) {
         return (unknown.front()[0] == '-' ? "there is no option " : "there is no verb ") + unknown.front() +
                ".";
@@ -32,9 +32,13 @@ std::string what_is_no_verb(const CLI::App &app, const std::string &what) {
 int finish_parsing(const CLI::App &app, const CLI::ParseError &error) {
     if (error.get_exit_code() == 0) return app.exit(error);
     std::string command = "qelctl";
-    for (const CLI::App *verb : app.get_subcommands()) command += " " + verb->get_name();
+    const CLI::App *innermost = &app;
+    while (!innermost->get_subcommands().empty()) {
+        innermost = innermost->get_subcommands().front();
+        command += " " + innermost->get_name();
+    }
     std::string what = error.what();
-    if (app.get_subcommands().empty()) what = what_is_no_verb(app, what);
+    if (!innermost->get_subcommands({}).empty()) what = what_is_no_verb(app, what);
     return complain(ExitCode::kUsage, what + "\nSee " + command + " --help.");
 }
 

@@ -9,7 +9,9 @@ struct EnvironmentVariable {
 };
 
 constexpr EnvironmentVariable kEnvironment[] = {
-    {"OSA_LOG", "how much of the library's log goes to standard error: error, warn, info or debug"},
+    {"OSA_LOG",
+     "how much of the library's log goes to standard error: error (unless set), warn, info or\n              "
+     "     debug"},
     {"NO_COLOR", "set to anything: no colour, not even on a terminal"},
     {"LD_LIBRARY_PATH", "where to look for libqel.so.1 and libxcc.so.1 first"},
 };

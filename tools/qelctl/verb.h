@@ -17,6 +17,11 @@ using AddVerb = void (*)(CLI::App &app, Session &session);
 void add_info(CLI::App &app, Session &session);
 void add_properties(CLI::App &app, Session &session);
 void add_channels(CLI::App &app, Session &session);
+void add_environment(CLI::App &app, Session &session);
+void add_eeprom(CLI::App &app, Session &session);
+void add_flash(CLI::App &app, Session &session);
+void add_upgrade_state(CLI::App &app, Session &session);
+void add_keyvalue(CLI::App &app, Session &session);
 void add_version(CLI::App &app, Session &session);
 // Hidden: they print what the build installs, made from the same description as --help.
 void add_completion(CLI::App &app, Session &session);

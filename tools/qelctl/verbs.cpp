@@ -10,7 +10,8 @@ namespace qelctl {
 namespace {
 
 constexpr AddVerb kVerbs[] = {
-    add_info, add_properties, add_channels, add_version, add_completion, add_manual,
+    add_info,          add_properties, add_channels, add_environment, add_eeprom, add_flash,
+    add_upgrade_state, add_keyvalue,   add_version,  add_completion,  add_manual,
 };
 
 constexpr size_t kLongestName = 15;  // the kernel's limit for a command name
@@ -42,6 +43,7 @@ void name_them_verbs(CLI::App &app) {
     app.get_formatter()->label("SUBCOMMAND", "VERB");
     for (CLI::App *verb : app.get_subcommands({})) {
         if (!verb->get_group().empty()) verb->group("Verbs");
+        name_them_verbs(*verb);
     }
 }
 

@@ -1,0 +1,382 @@
+// The partition table, the geometry, good blocks, and which copy of the firmware the device runs, as
+// the drivers tell and the library hands on.
+#include <sys/stat.h>
+
+#include <cstring>
+#include <thread>
+
+#include "platform/include/bnd.h"
+#include "storage/flash_switch.h"
+#include "tests/storage/cramfs_image.h"
+#include "tests/storage/flash_bench.h"
+
+namespace qel::test {
+namespace {
+
+const std::vector<Part> kTwo = {{"U-Boot", "size = 0x20000"},
+                                {"fifteen-letters", "size = 0x40000\nbackup = 0x100000"}};
+
+TEST(FlashTable, IsTheSameFromBothRequests) {
+    for (const char *driver : {"know64 = true", "know64 = false"}) {
+        const Unit unit(flash_board(driver, kTwo));
+        FlashPartitionTable *table = nullptr;
+        ASSERT_EQ(UNIT_CALL(unit, QEL_getPartionInfo64)(&table), 0) << driver;
+        ASSERT_EQ(table->count, 2u);
+        EXPECT_STREQ(table->entries[1].name, "fifteen-letters");
+        EXPECT_EQ(table->entries[1].size, 0x40000u);
+        EXPECT_EQ(table->entries[1].offset, 0x20000u);
+        EXPECT_EQ(table->entries[1].backupOffset, 0x100000u);
+        EXPECT_EQ(static_cast<uint32_t>(table->entries[0].backupOffset), UINT32_MAX);
+
+        FlashPartitionList list;
+        memset(&list, 0xEE, sizeof list);
+        ASSERT_EQ(UNIT_CALL(unit, QEL_getPartionInfo)(&list), 0);
+        EXPECT_EQ(list.count, 2u);
+        EXPECT_STREQ(list.entries[0].name, "U-Boot");
+        EXPECT_EQ(list.entries[0].backupOffset, UINT32_MAX);
+        EXPECT_EQ(list.entries[1].offset, 0x20000u);
+        EXPECT_TRUE(unit.log.contains("[libqel] partionNum=2\n"));
+        EXPECT_EQ(unit.log.count("(Flash_getPartionInfo|"), strcmp(driver, "know64 = true") == 0 ? 0 : 1);
+    }
+}
+
+TEST(FlashTable, KeepsNamesOf16LettersAndSizesAbove4GiBInBounds) {
+    const Unit unit(flash_board("type = 5", {{"sixteen-letters!", "size = 0x1000"},
+                                             {"high", "size = 0x4000\noffset = 0x300000000"}}));
+    FlashPartitionTable *table = nullptr;
+    ASSERT_EQ(UNIT_CALL(unit, QEL_getPartionInfo64)(&table), 0);
+    EXPECT_STREQ(table->entries[0].name, "sixteen-letters");
+    EXPECT_EQ(table->entries[1].offset, 0x300000000u);
+}
+
+TEST(FlashTable, IsNotBelievedBeyond32Partitions) {
+    const Unit unit(flash_board("claims = 33", kTwo));
+    FlashPartitionTable *table = nullptr;
+    FlashInfo info;
+    EXPECT_EQ(UNIT_CALL(unit, QEL_getPartionInfo64)(&table), -1);
+    EXPECT_EQ(UNIT_CALL(unit, QEL_getFlashInfo)(&info), -1);
+    EXPECT_TRUE(unit.log.contains("(Flash_getPartionInfo|"));
+    EXPECT_TRUE(unit.log.contains("Get Partion info  failed!\n"));
+    EXPECT_TRUE(unit.log.contains("QEL_flashIinit execute Error and return OSA_EFAIL\n"));
+}
+
+TEST(FlashTable, MayBeFreedTwiceAndReadAgain) {
+    const Unit unit(flash_board("", kTwo));
+    FlashPartitionTable *table = nullptr;
+    ASSERT_EQ(UNIT_CALL(unit, QEL_getPartionInfo64)(&table), 0);
+    EXPECT_EQ(UNIT_CALL(unit, QEL_flashDeinit)(), 0);
+    EXPECT_EQ(table->count, 0u);
+    EXPECT_EQ(UNIT_CALL(unit, QEL_flashDeinit)(), 0);
+    EXPECT_EQ(UNIT_CALL(unit, QEL_flashIinit)(), 0);
+    EXPECT_EQ(table->count, 2u);
+}
+
+TEST(FlashTable, TakesTheFpgaStartFromTheDriverOrTheBoardType) {
+    const struct {
+        const char *flash;
+        const char *properties;
+        uint32_t start;
+    } cases[] = {
+        {"fpga_start = 0x123000", "5 = 9\n", 0x123000}, {"fpga_start = -1", "5 = 9\n", 0x2000000},
+        {"fpga_start = -1", "5 = 31\n", 0x20000000},    {"fpga_start = -1", "5 = 35\n", 0x20000000},
+        {"fpga_start = -1", "5 = 3\n", 0x4000000},
+    };
+    for (const auto &c : cases) {
+        const Unit unit(flash_board(c.flash, kTwo, c.properties));
+        uint32_t start = 0;
+        EXPECT_EQ(UNIT_CALL(unit, QEL_getFpgaStartAddress)(&start), 0);
+        EXPECT_EQ(start, c.start) << c.flash << c.properties;
+    }
+}
+
+TEST(FlashGeometry, IsThatOfTheMedium) {
+    const struct {
+        const char *flash;
+        FlashInfo expected;
+    } cases[] = {
+        {"type = 3\nerase = 0x1000\npage = 1", {QEL_FLASH_NOR, 0x20000, 0x1000, 0x1000}},
+        {"type = 4\nerase = 0x4000\npage = 0x200", {QEL_FLASH_NAND, 0x20000, 0x200, 0x4000}},
+        {"type = 8\nerase = 0x8000\npage = 0x800", {QEL_FLASH_MLC_NAND, 0x20000, 0x800, 0x8000}},
+        {"type = 5", {QEL_FLASH_EMMC, 0x20000, 512, 16384}},
+    };
+    for (const auto &c : cases) {
+        const Unit unit(flash_board(c.flash, kTwo));
+        FlashInfo info{};
+        ASSERT_EQ(UNIT_CALL(unit, QEL_getFlashInfo)(&info), 0) << c.flash;
+        EXPECT_EQ(memcmp(&info, &c.expected, sizeof info), 0) << c.flash;
+    }
+}
+
+TEST(FlashGeometry, IsNotGuessedWhereTheDeviceDoesNotTell) {
+    const Unit unit(flash_board("", kTwo), {"/dev/mtd/0 ioctl:MEMGETINFO fail EIO"});
+    EXPECT_TRUE(unit.log.contains("(QEL_flashIinit|"));
+    EXPECT_TRUE(unit.log.contains("):   MEMGETINFO error,ret = -5!\n"));
+    FlashInfo info;
+    EXPECT_EQ(UNIT_CALL(unit, QEL_getFlashInfo)(&info), -1);
+}
+
+TEST(FlashGeometry, WithoutAnEraseSizeIsNone) {
+    const Unit unit(flash_board("erase = 0", kTwo));
+    EXPECT_TRUE(unit.log.contains("MEMGETINFO error"));
+}
+
+TEST(FlashPartitionOpen, FindsItsDeviceByName) {
+    const Unit unit(flash_board("type = 5", kTwo));
+    int fd = -5, index = -5;
+    ASSERT_EQ(UNIT_CALL(unit, QEL_flashOpenPartion)("fifteen-letters", &fd, &index), 0);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(index, 1);
+    EXPECT_EQ(UNIT_CALL(unit, QEL_flashOpenPartion)("fifteen", &fd, &index), -1);
+    EXPECT_EQ(fd, -1);
+    EXPECT_TRUE(unit.log.contains("[libqel] WARN  : Get partion fifteen failed!\n"));
+}
+
+TEST(FlashPartitionOpen, SaysWhichDeviceDoesNotOpen) {
+    Unit unit(flash_board("", kTwo));
+    unit.board.add_fault("/dev/mtd/1 open fail EACCES");
+    int fd = -5, index = -5;
+    EXPECT_EQ(UNIT_CALL(unit, QEL_flashOpenPartion)("fifteen-letters", &fd, &index), -1);
+    EXPECT_EQ(fd, -1);
+    EXPECT_TRUE(unit.log.contains("open /dev/mtd/1\n"));
+}
+
+// ---- good blocks ----
+
+class GoodBlocks : public ::testing::Test {
+protected:
+    GoodBlocks()
+        : unit(flash_board("", {{"fpga", "size = 0x10000"},
+                                {"data", "size = 0x18000\nbad = [0, 2, 5]"},  // 6 blocks
+                                {"other", "size = 0x10000"}})) {}
+
+    int open(const char *name) {
+        int fd = -1, index = -1;
+        EXPECT_EQ(UNIT_CALL(unit, QEL_flashOpenPartion)(name, &fd, &index), 0);
+        EXPECT_EQ(UNIT_CALL(unit, Flash_createPartionTab)(fd, index), 0);
+        fd_ = fd;
+        return index;
+    }
+    int64_t look_up(uint64_t offset, int index) {
+        uint64_t out = 0;
+        return UNIT_CALL(unit, Flash_LookupTab)(offset, &out, index) == 0 ? static_cast<int64_t>(out) : -1;
+    }
+
+    Unit unit;
+    int fd_ = -1;
+};
+
+TEST_F(GoodBlocks, StepOverTheBadOnes) {
+    const int data = open("data");
+    EXPECT_EQ(look_up(0, data), 0x4000);
+    EXPECT_EQ(look_up(0x4000, data), 0xC000);
+    EXPECT_EQ(look_up(0x8000, data), 0x10000);
+    EXPECT_EQ(look_up(0x8000, -1), 0x10000);  // the partition opened last
+    EXPECT_EQ(look_up(0xC000, data), -1);     // behind the last good block
+    EXPECT_TRUE(unit.log.contains("Flash_LookupTab[1] offset=0xc000 0xffffffffffffffff\n"));
+    EXPECT_EQ(look_up(0x18000, data), -1);  // behind the partition
+    EXPECT_EQ(look_up(UINT64_MAX - 0x3FFF, data), -1);
+    EXPECT_EQ(look_up(0x4001, data), -1);
+    EXPECT_TRUE(unit.log.contains("offset doesn't  align 0x4001"));
+    const std::string fd = std::to_string(fd_);
+    EXPECT_TRUE(unit.log.contains("[libqel] CreatePartionTab:data fd=" + fd + "\n"));
+    EXPECT_TRUE(unit.log.contains("[libqel] WARN  : find badblock:fd = " + fd + ",addr = 18000\n"));
+    EXPECT_TRUE(
+        unit.log.contains("[libqel] WARN  : MEMGETBADBLOCK error,fd = " + fd + ", ret = 1 addr = 24000! \n"));
+}
+
+TEST_F(GoodBlocks, AreAskedForOnceAndOnlyWhereTheyAreKept) {
+    open("data");
+    unit.board.add_fault("/dev/mtd/1 ioctl:MEMGETBADBLOCK fail EIO");
+    EXPECT_EQ(look_up(0, open("data")), 0x4000);
+    EXPECT_EQ(unit.log.count("CreatePartionTab:"), 1);
+    EXPECT_EQ(look_up(0, 2), -1);
+    EXPECT_TRUE(unit.log.contains("part[2]'s pGoodBlkTab doesn't create\n"));
+    EXPECT_EQ(look_up(0, open("fpga")), -1);
+    EXPECT_EQ(look_up(0, 77), -1);
+    EXPECT_EQ(UNIT_CALL(unit, Flash_createPartionTab)(0, 3), -1);
+}
+
+TEST_F(GoodBlocks, NeedAPartition) {
+    EXPECT_EQ(look_up(0, -1), -1);
+    EXPECT_TRUE(unit.log.contains("(Flash_LookupTab|"));
+    EXPECT_TRUE(unit.log.contains("): id=-1\n"));
+}
+
+TEST_F(GoodBlocks, ABlockThatCannotBeAskedIsNotUsed) {
+    unit.board.add_fault("/dev/mtd/2 ioctl:MEMGETBADBLOCK fail EIO at 1");
+    EXPECT_EQ(look_up(0, open("other")), 0x4000);
+}
+
+TEST(GoodBlocksElsewhere, MapEveryOffsetToItself) {
+    for (const char *flash : {"type = 3\nerase = 0x1000", "type = 5"}) {
+        const Unit unit(flash_board(flash, kTwo));
+        uint64_t out = 0;
+        EXPECT_EQ(UNIT_CALL(unit, Flash_LookupTab)(0x123457, &out, -1), 0);
+        EXPECT_EQ(out, 0x123457u);
+        EXPECT_EQ(unit.log.count("CreatePartionTab"), 0);
+    }
+}
+
+// ---- copies of the firmware ----
+
+FlashPartition entry(const char *name, uint64_t offset, uint64_t backup) {
+    FlashPartition made{};
+    strncpy(made.name, name, sizeof made.name - 1);
+    made.offset = offset;
+    made.backupOffset = backup;
+    return made;
+}
+
+TEST(BackupCopies, CountThoseInPlacesOfTheirOwn) {
+    using flash::BackupCount;
+    using flash::count_backups;
+    const struct {
+        const char *what;
+        std::vector<FlashPartition> table;
+        int with_backup, of_its_own;
+    } cases[] = {
+        {"none", {entry("a", 0, QEL_NO_BACKUP), entry("b", 1, 0), entry("c", 2, UINT32_MAX)}, 0, 0},
+        {"the boot loader's own does not count", {entry("U-Boot", 0, 10)}, 0, 0},
+        {"each its own", {entry("a", 0, 10), entry("b", 1, 11), entry("c", 2, QEL_NO_BACKUP)}, 2, 2},
+        {"shared by two", {entry("a", 0, 10), entry("b", 1, 10), entry("c", 2, 12)}, 3, 1},
+        {"on another partition", {entry("a", 0, 10), entry("b", 10, QEL_NO_BACKUP)}, 1, 0},
+        {"on itself", {entry("a", 5, 5)}, 1, 1},
+    };
+    for (const auto &c : cases) {
+        const BackupCount found = count_backups(c.table);
+        EXPECT_EQ(found.with_backup, c.with_backup) << c.what;
+        EXPECT_EQ(found.of_its_own, c.of_its_own) << c.what;
+    }
+}
+
+const std::vector<Part> kWithFlags = {{"kernel", "size = 0x10000\nbackup = 0x100000"},
+                                      {"updateflag", "size = 0x10000"}};
+
+std::string signs(uint32_t can_switch, uint32_t from_backup, uint32_t version) {
+    const uint32_t words[] = {can_switch, from_backup, version};
+    return {reinterpret_cast<const char *>(words), sizeof words};
+}
+
+TEST(BackupSigns, ComeFromTheFlashOnceAndFromTheFileThen) {
+    Unit unit(flash_board("can_switch = 1", kWithFlags));
+    EXPECT_TRUE(unit.log.contains("[libqel] Support backup partition !!!\n"));
+    EXPECT_EQ(unit.file("/tmp/backupsign"), signs(1, 0, 0xFF));
+    struct stat info {};
+    ASSERT_EQ(stat(unit.host_path("/tmp/backupsign").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0777u);
+
+    // A later process believes the file.
+    unit.put_file("/tmp/backupsign", signs(1, 1, 7));
+    unit.board.add_fault("/dev/mtd/1 read fail EIO");
+    unit.reload();
+    uint8_t version = 0, from_backup = 0;
+    EXPECT_EQ(UNIT_CALL(unit, QEL_readBootBackupVer)(&version), 0);
+    EXPECT_EQ(UNIT_CALL(unit, QEL_bootFromBackupPart)(&from_backup), 0);
+    EXPECT_EQ(version, 7);
+    EXPECT_EQ(from_backup, 1);
+    EXPECT_EQ(unit.log.count("gFlashCtrlObj."), 0);
+
+    unit.put_file("/tmp/backupsign", "short");
+    unit.reload();
+    EXPECT_TRUE(unit.log.contains("fail to read bootfromback sign\n"));
+}
+
+TEST(BackupSigns, AreReadWhereTheBootLoaderLeftThem) {
+    Unit unit(flash_board("can_switch = 1", kWithFlags));
+    unit.set_byte("/dev/mtd/1", 4 * 0x200, 1);          // block 0, page 4
+    unit.set_byte("/dev/mtd/1", 0x4000 + 0x200, 0x42);  // block 1, page 1
+    std::remove(unit.host_path("/tmp/backupsign").c_str());
+    unit.reload();
+    EXPECT_EQ(unit.file("/tmp/backupsign"), signs(1, 1, 0x42));
+    EXPECT_TRUE(unit.log.contains("[libqel] gFlashCtrlObj.isSupportSwitchPart:1\n"));
+    EXPECT_TRUE(unit.log.contains("[libqel] gFlashCtrlObj.bootFromBack:1\n"));
+    EXPECT_TRUE(unit.log.contains("[libqel] gFlashCtrlObj.bootVersion:66\n"));
+}
+
+TEST(BackupSigns, NeedABootLoaderToSwitch) {
+    Unit incapable(flash_board("can_switch = 0", kWithFlags));
+    EXPECT_EQ(incapable.file("/tmp/backupsign"), signs(0, 0, 0xFF));
+    EXPECT_TRUE(incapable.log.contains("[libqel] boot dont support switch part\n"));
+}
+
+TEST(BackupSigns, NeedCopiesInPlacesOfTheirOwnToSwitch) {
+    auto shared = kWithFlags;
+    shared.push_back({"romfs", "backup = 0x100000"});
+    Unit mixed(flash_board("can_switch = 1", shared));
+    EXPECT_EQ(mixed.file("/tmp/backupsign"), signs(0, 0, 0xFF));
+    EXPECT_TRUE(mixed.log.contains("[libqel] bakcnt:2, bakpartcnt:0\n"));
+}
+
+TEST(BackupSigns, AreOffWhereTheFlagsDoNotOpen) {
+    const Unit unit(flash_board("", kWithFlags), {"/dev/mtd/1 open fail EIO"});
+    EXPECT_TRUE(unit.log.contains("[libqel] Not support backup partition !!!\n"));
+    EXPECT_EQ(unit.log.count("execute Error"), 0);
+}
+
+// ---- the description in an upgrade image ----
+
+TEST(DescriptionFile, IsTheNewestThatTheImageHolds) {
+    const Unit unit(flash_board("", kTwo));
+    const auto find = UNIT_CALL(unit, Flash_getPartFile);
+    std::vector<char> text(QEL_DESCRIPTION_BYTES, 'x');
+    uint32_t version = 0;
+    const ImageFolder folder;
+    folder.put("other.txt", "nothing");
+    const auto found = [&](const char *options) {
+        const std::vector<uint8_t> image = folder.make(options);
+        return find(image.data(), static_cast<uint32_t>(image.size()), text.data(), &version);
+    };
+    EXPECT_EQ(found(""), -1);
+    EXPECT_TRUE(unit.log.contains("no partition description: no such file in the image\n"));
+    const struct {
+        const char *name;
+        uint32_t version;
+    } files[] = {{"partition.txt", 1}, {"partitionV2.txt", 2}, {"partitionV3.txt", 3}};
+    for (const auto &file : files) {
+        folder.put(file.name, std::string("content of ") + file.name);
+        for (const char *options : {"", "-p"}) {
+            EXPECT_EQ(found(options), 0);
+            EXPECT_EQ(version, file.version);
+            EXPECT_EQ(text.data(), std::string("content of ") + file.name);
+            EXPECT_EQ(text.back(), '\0');
+        }
+    }
+    folder.put("partitionV3.txt", std::string(QEL_DESCRIPTION_BYTES - 1, 'y'));
+    EXPECT_EQ(found(""), 0);
+    EXPECT_EQ(strlen(text.data()), QEL_DESCRIPTION_BYTES - 1);
+    folder.put("partitionV3.txt", std::string(QEL_DESCRIPTION_BYTES, 'y'));
+    EXPECT_EQ(found(""), -1);
+    EXPECT_EQ(find("short", 5, text.data(), &version), -1);
+    EXPECT_TRUE(unit.log.contains("not a cramfs image\n"));
+}
+
+// ---- program/erase status ----
+
+TEST(ProgramEraseStatus, ComesFromItsServiceOrFails) {
+    const Unit unit(flash_board("", kTwo));
+    uint32_t status = 0xEEEE;
+    EXPECT_EQ(UNIT_CALL(unit, QEL_getFlashPEStatus)(&status), -1);
+    EXPECT_EQ(status, 0xEEEEu);
+
+    uintptr_t server = 0;
+    ASSERT_EQ(BND_serverCreate("Qel2FlashBnd", &server), 0);
+    uint32_t results[] = {0, static_cast<uint32_t>(-1)};
+    std::thread service([&] {
+        for (const uint32_t result : results) {
+            uint32_t words[3], bytes = sizeof words, client = 0;
+            int wants_reply = 0;
+            if (BND_serverReceive(server, words, &bytes, &client, &wants_reply, 5000) != 0) return;
+            words[1] = result;
+            words[2] = 0x1234;
+            BND_serverReply(server, client, words, sizeof words);
+        }
+    });
+    EXPECT_EQ(UNIT_CALL(unit, QEL_getFlashPEStatus)(&status), 0);
+    EXPECT_EQ(status, 0x1234u);
+    EXPECT_EQ(UNIT_CALL(unit, QEL_getFlashPEStatus)(&status), -1);
+    service.join();
+    BND_serverDelete(server);
+}
+
+}  // namespace
+}  // namespace qel::test

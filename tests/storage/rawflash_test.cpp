@@ -1,0 +1,296 @@
+// The raw flash object over this chip's flash: what it promises on every medium.
+#include <algorithm>
+#include <thread>
+
+#include "platform/include/osa.h"
+#include "tests/storage/rawflash_bench.h"
+
+namespace qel::test {
+namespace {
+
+class RawFlashOn : public testing::TestWithParam<Medium> {};
+INSTANTIATE_TEST_SUITE_P(Media, RawFlashOn, testing::ValuesIn(kMedia),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+uint64_t rounded_up(uint64_t bytes, uint64_t unit) { return (bytes + unit - 1) / unit * unit; }
+
+// What a partition holds that held `old` before `data` was written at `offset`.
+Content expected(const Medium &medium, Content old, const Content &data, uint64_t offset) {
+    const uint64_t end = offset + data.size();
+    const uint64_t touched =
+        medium.is_emmc() ? rounded_up(end, medium.end_bytes) : rounded_up(end, medium.erase_bytes);
+    std::fill(old.begin() + static_cast<ptrdiff_t>(offset), old.begin() + static_cast<ptrdiff_t>(touched),
+              uint8_t{0xFF});
+    std::copy(data.begin(), data.end(), old.begin() + static_cast<ptrdiff_t>(offset));
+    return old;
+}
+
+TEST_P(RawFlashOn, WritesItsPartitionAndNothingElse) {
+    const uint32_t block = GetParam().erase_bytes;
+    const struct {
+        uint64_t offset;
+        size_t bytes;
+    } cases[] = {{0, 1},
+                 {0, block},
+                 {0, 3 * block - 1},
+                 {block, 2 * block + 3},
+                 {0, kBlocks * size_t{block}},
+                 {(kBlocks - 1) * uint64_t{block}, block - 1}};
+    FlashBench bench(GetParam());
+    for (const int part : {kBefore, kTarget, kBehind, kCopy}) bench.fill(part);
+    bench.open();
+    Content content = bench.all(kTarget);
+    unsigned seed = 0;
+    for (const auto &one : cases) {
+        const Content data = pattern(one.bytes, ++seed);
+        ASSERT_EQ(bench.flash->write64(bench.flash, bench.address(kTarget, one.offset), data.data(),
+                                       static_cast<uint32_t>(data.size())),
+                  0);
+        content = expected(GetParam(), content, data, one.offset);
+        EXPECT_EQ(bench.all(kTarget), content) << one.bytes << " bytes at " << one.offset;
+        EXPECT_EQ(bench.read(bench.address(kTarget, one.offset), one.bytes), data);
+    }
+    EXPECT_TRUE(bench.is_filled(kBefore) && bench.is_filled(kBehind) && bench.is_filled(kCopy));
+    EXPECT_EQ(bench.log.count("ERROR"), 0) << bench.log.all();
+}
+
+TEST_P(RawFlashOn, ErasesBlocks) {
+    const uint32_t block = GetParam().erase_bytes;
+    FlashBench bench(GetParam());
+    for (const int part : {kBefore, kTarget, kBehind}) bench.fill(part);
+    bench.open();
+    Content content = bench.all(kTarget);
+    EXPECT_EQ(
+        bench.flash->erase(bench.flash, static_cast<uint32_t>(bench.address(kTarget, block)), 2 * block), 0);
+    std::fill_n(content.begin() + block, 2 * block, uint8_t{0xFF});
+    EXPECT_EQ(bench.all(kTarget), content);
+    EXPECT_EQ(bench.flash->erase64(bench.flash, bench.address(kTarget), bench.part_bytes()), 0);
+    EXPECT_EQ(bench.all(kTarget), Content(bench.part_bytes(), 0xFF));
+    EXPECT_TRUE(bench.is_filled(kBefore) && bench.is_filled(kBehind));
+}
+
+TEST_P(RawFlashOn, ReadsAnyBytes) {
+    FlashBench bench(GetParam());
+    bench.fill(kTarget);
+    bench.open();
+    const Content content = bench.all(kTarget);
+    const uint64_t size = bench.part_bytes();
+    const std::pair<uint64_t, size_t> cases[] = {
+        {0, size}, {1, 1}, {size - 1, 1}, {777, 2 * GetParam().erase_bytes}};
+    for (const auto &[offset, count] : cases) {
+        const auto at = content.begin() + static_cast<ptrdiff_t>(offset);
+        EXPECT_EQ(bench.read(bench.address(kTarget, offset), count),
+                  Content(at, at + static_cast<ptrdiff_t>(count)));
+    }
+}
+
+TEST_P(RawFlashOn, RefusesWhatDoesNotFitBeforeItTouchesAnything) {
+    FlashBench bench(GetParam());
+    for (const int part : {kBefore, kTarget, kBehind}) bench.fill(part);
+    bench.open();
+    RawFlash *const flash = bench.flash;
+    const uint32_t block = GetParam().erase_bytes;
+    const auto size = static_cast<uint32_t>(bench.part_bytes());
+    Content data = pattern(size + 1, 1);
+    const uint64_t target = bench.address(kTarget);
+    const uint64_t nowhere = bench.fpga_start() - 1;
+    EXPECT_EQ(bench.write_partition(data), -1);
+    EXPECT_EQ(bench.write_partition(pattern(1, 1), "nobody"), -1);
+    EXPECT_EQ(flash->writePartition(flash, nullptr, data.data(), 1), -1);
+    EXPECT_EQ(flash->writePartition(flash, "target", nullptr, 1), -1);
+    EXPECT_EQ(flash->write64(flash, target + 1, data.data(), 1), -1);
+    EXPECT_EQ(flash->write64(flash, target + block, data.data(), size - block + 1), -1);
+    EXPECT_EQ(flash->write64(flash, nowhere, data.data(), 1), -1);
+    EXPECT_EQ(flash->erase64(flash, target + 1, block), -1);
+    EXPECT_EQ(flash->erase64(flash, target, block - 1), -1);
+    EXPECT_EQ(flash->erase64(flash, target, size + uint64_t{block}), -1);
+    EXPECT_EQ(flash->erase64(flash, target + block, UINT64_MAX - block + 1), -1);
+    EXPECT_EQ(flash->read64(flash, target + 1, data.data(), size), -1);
+    EXPECT_EQ(flash->read64(flash, nowhere, data.data(), 1), -1);
+    EXPECT_EQ(flash->read64(flash, target, nullptr, 1), -1);
+    EXPECT_EQ(CALL(*bench.library, Flash_abort)(flash), -1) << "an operation of another kind of object";
+    EXPECT_TRUE(bench.is_filled(kBefore) && bench.is_filled(kTarget) && bench.is_filled(kBehind));
+    EXPECT_EQ(bench.all(kFlags), Content(bench.part_bytes(), 0xFF)) << "no marks either";
+}
+
+struct Progress {
+    std::vector<uint64_t> done;
+    uint64_t total = 0;
+    void (*then)(void *) = nullptr;
+    void *argument = nullptr;
+
+    static void take(void *context, uint64_t done, uint64_t total) {
+        auto &self = *static_cast<Progress *>(context);
+        self.done.push_back(done);
+        self.total = total;
+        if (self.then != nullptr) self.then(self.argument);
+    }
+};
+
+TEST_P(RawFlashOn, TellsHowFarItIs) {
+    FlashBench bench(GetParam(), {.of_target = "", .of_flash = "", .has_flags = false});
+    bench.open();
+    Progress progress;
+    *bench.flash->info = {bench.flash->info->references, 1, Progress::take, &progress};
+    EXPECT_EQ(bench.write_partition(pattern(bench.part_bytes() - 5, 1)), 0);
+    ASSERT_FALSE(progress.done.empty());
+    EXPECT_TRUE(std::is_sorted(progress.done.begin(), progress.done.end()));
+    EXPECT_EQ(progress.done.size(), GetParam().is_emmc() ? 1u : kBlocks);
+    EXPECT_EQ(progress.done.back(), bench.part_bytes() - 5);
+    EXPECT_EQ(progress.total, bench.part_bytes() - 5);
+}
+
+TEST_P(RawFlashOn, EndsBetweenBlocksWhenAnotherThreadAborts) {
+    if (GetParam().is_emmc()) return;  // these boards hold less than one of its pieces
+    FlashBench bench(GetParam());
+    bench.fill(kTarget);
+    bench.open();
+    Progress progress;
+    *bench.flash->info = {bench.flash->info->references, 1, Progress::take, &progress};
+    progress.argument = bench.flash;
+    progress.then = [](void *flash) {
+        std::thread([flash] {
+            auto *const object = static_cast<RawFlash *>(flash);
+            EXPECT_EQ(object->abort(object), 0);
+        }).join();
+    };
+    const uint32_t block = GetParam().erase_bytes;
+    const Content data = pattern(4 * block, 1);
+    const Content old = bench.all(kTarget);
+    EXPECT_EQ(bench.write_partition(data), -1);
+    EXPECT_EQ(progress.done, (std::vector<uint64_t>{block}));
+    EXPECT_EQ(bench.bytes(kTarget, 0, block), Content(data.begin(), data.begin() + block));
+    EXPECT_EQ(bench.bytes(kTarget, block, 3 * block), Content(old.begin() + block, old.begin() + 4 * block));
+    EXPECT_EQ(bench.flash->erase64(bench.flash, bench.address(kTarget), bench.part_bytes()), -1);
+    EXPECT_EQ(bench.log.count("aborted\n"), 2);
+
+    progress.then = nullptr;  // the next request is not concerned, nor one after an abort of nothing
+    EXPECT_EQ(bench.flash->abort(bench.flash), 0);
+    EXPECT_EQ(bench.write_partition(data), 0);
+    EXPECT_EQ(bench.read(bench.address(kTarget), data.size()), data);
+}
+
+TEST_P(RawFlashOn, HoldsTheFlashLockWhileItWorks) {
+    FlashBench bench(GetParam());
+    bench.open();
+    int key = 0;
+    OSA_IpcSem others = nullptr;
+    ASSERT_EQ(OSA_ipcMakeKey("/var/tmp/flashkey", 3, &key), 0);
+    ASSERT_EQ(OSA_ipcSemOpen(&others, key, 0, 1, 1), 0);
+    Progress progress;
+    *bench.flash->info = {bench.flash->info->references, 1, Progress::take, &progress};
+    progress.argument = others;
+    progress.then = [](void *semaphore) {
+        EXPECT_NE(OSA_ipcSemLock(static_cast<OSA_IpcSem>(semaphore), 0), 0);
+    };
+    Content data = pattern(100, 1);
+    EXPECT_EQ(bench.write_partition(data), 0);
+    EXPECT_EQ(bench.read(bench.address(kTarget), 100), data);
+    EXPECT_EQ(bench.flash->erase64(bench.flash, bench.address(kTarget), GetParam().erase_bytes), 0);
+    EXPECT_EQ(progress.done.size(), 3u);
+    EXPECT_EQ(OSA_ipcSemLock(others, 0), 0) << "given back";
+    EXPECT_EQ(OSA_ipcSemUnlock(others), 0);
+    OSA_ipcSemClose(&others);
+}
+
+TEST_P(RawFlashOn, KeepsTheAreaOfTheFpgaApart) {
+    FlashBench bench(GetParam());
+    bench.fill(kFlags);
+    bench.open();
+    const Content data = pattern(2 * GetParam().erase_bytes, 3);
+    EXPECT_EQ(bench.flash->write64(bench.flash, bench.fpga_start(), data.data(),
+                                   static_cast<uint32_t>(data.size())),
+              0);
+    EXPECT_EQ(bench.bytes(kFpgaPart, 0, data.size()), data);
+    EXPECT_EQ(bench.read(bench.fpga_start() + GetParam().erase_bytes, 10),
+              Content(data.begin() + GetParam().erase_bytes, data.begin() + GetParam().erase_bytes + 10));
+    EXPECT_EQ(bench.flash->write64(bench.flash, bench.fpga_start() + bench.part_bytes(), data.data(), 1), -1);
+    EXPECT_TRUE(bench.is_filled(kFlags));
+}
+
+TEST_P(RawFlashOn, SendsAddressesWhereTheMapSays) {
+    FlashBench bench(GetParam());
+    bench.open();
+    RawFlash *const flash = bench.flash;
+    const uint64_t size = bench.part_bytes();
+    const RawFlashMap map[] = {{bench.address(kTarget), bench.address(kCopy), size}, {7, 0x100, 1}};
+    EXPECT_EQ(flash->setPartitionMap(flash, map, 2), 0);
+    uint64_t address = 0;
+    EXPECT_EQ(flash->getPartitionMapedAddr(flash, bench.address(kTarget) + 5, &address), 0);
+    EXPECT_EQ(address, bench.address(kCopy) + 5);
+    EXPECT_EQ(flash->getPartitionMapedAddr(flash, bench.address(kBehind), &address), 0);
+    EXPECT_EQ(address, bench.address(kBehind));
+    const Content data = pattern(100, 4);
+    EXPECT_EQ(flash->write64(flash, bench.address(kTarget), data.data(), 100), 0);
+    EXPECT_EQ(bench.bytes(kCopy, 0, 100), data);
+    EXPECT_EQ(bench.read(bench.address(kTarget), 100), data);
+    EXPECT_EQ(bench.all(kTarget), Content(size, 0xFF));
+    Content buffer(16);
+    EXPECT_EQ(flash->read64(flash, bench.address(kTarget) - 8, buffer.data(), 16), -1) << "over its edge";
+
+    const RawFlashMap overlapping[] = {{0, 100, 10}, {9, 200, 10}};
+    const RawFlashMap empty[] = {{0, 100, 0}};
+    EXPECT_EQ(flash->setPartitionMap(flash, overlapping, 2), -1);
+    EXPECT_EQ(flash->setPartitionMap(flash, empty, 1), -1);
+    EXPECT_EQ(flash->setPartitionMap(flash, nullptr, 1), -1);
+    EXPECT_EQ(flash->setPartitionMap(flash, nullptr, 0), 0);
+    EXPECT_EQ(flash->getPartitionMapedAddr(flash, bench.address(kTarget), &address), 0);
+    EXPECT_EQ(address, bench.address(kTarget));
+}
+
+TEST_P(RawFlashOn, MarksTheUpgradeAndItsEnd) {
+    FlashBench bench(GetParam());
+    bench.open();
+    const uint64_t page = GetParam().is_emmc() ? 512 : GetParam().is_nand() ? GetParam().page_bytes : 64;
+    const auto marks = [&] {
+        return std::pair(bench.bytes(kFlags, 0, 1)[0], bench.bytes(kFlags, page, 1)[0]);
+    };
+    EXPECT_EQ(bench.write_partition(pattern(10, 1), "behind"), 0);
+    EXPECT_EQ(marks(), (std::pair<uint8_t, uint8_t>(0xFF, 0xFF))) << "has no backup copy";
+    EXPECT_EQ(CALL(*bench.library, QEL_checkUpgradeMap)(), 1);
+    EXPECT_EQ(bench.write_partition(pattern(10, 1)), 0);
+    EXPECT_EQ(marks(), (std::pair<uint8_t, uint8_t>(0x55, 0xFF)));
+    bench.close();
+    EXPECT_EQ(marks(), (std::pair<uint8_t, uint8_t>(0x55, 0xAA)));
+    EXPECT_EQ(CALL(*bench.library, QEL_checkUpgradeMap)(), 0);
+
+    EXPECT_EQ(CALL(*bench.library, QEL_gotoStateWaitbackup)(), 0);
+    EXPECT_EQ(CALL(*bench.library, createRawFlashLocal)(&bench.flash), 0);
+    bench.fill(kTarget);
+    EXPECT_EQ(bench.write_partition(pattern(10, 1)), -1);
+    EXPECT_TRUE(bench.is_filled(kTarget)) << "has to wait";
+}
+
+TEST(RawFlashReferences, KeepTheObjectUntilTheLastGoes) {
+    FlashBench bench(kNand, {.of_target = "", .of_flash = "", .has_flags = false});
+    bench.open();
+    RawFlash *const flash = bench.flash;
+    EXPECT_EQ(flash->addRef(flash), 0);
+    EXPECT_EQ(flash->info->references, 2);
+    EXPECT_EQ(flash->release(flash), 0);
+    EXPECT_EQ(bench.write_partition(pattern(10, 1)), 0);
+    EXPECT_EQ(CALL(*bench.library, QEL_checkUpgradeMap)(), 1);
+    RawFlash *second = nullptr;
+    EXPECT_EQ(CALL(*bench.library, createRawFlashLocal)(&second), 0);
+    bench.close();
+    EXPECT_EQ(CALL(*bench.library, QEL_checkUpgradeMap)(), 1) << "another object is at work";
+    EXPECT_EQ(second->release(second), 0);
+    EXPECT_EQ(CALL(*bench.library, QEL_checkUpgradeMap)(), 0);
+}
+
+TEST(RawFlashReferences, AreNotGivenWithoutFlash) {
+    board::Board board("name = \"bare\"\n[[chip]]\n[chip.hwid]\nname = \"BX-200\"\n");
+    board.enter({.chip = 0, .as = "vesta"});
+    {
+        Library library;
+        RawFlash *flash = nullptr;
+        EXPECT_EQ(CALL(library, createRawFlashLocal)(&flash), -1);
+        EXPECT_EQ(CALL(library, createRawFlash)(&flash), -1);
+        EXPECT_EQ(flash, nullptr);
+        EXPECT_EQ(CALL(library, createRawFlash)(nullptr), -1);
+    }
+    board.leave();
+}
+
+}  // namespace
+}  // namespace qel::test
