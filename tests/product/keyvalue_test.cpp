@@ -18,7 +18,7 @@ constexpr const char *kPath = "/tmp/settings";
 // A board with a file, and the library on it.
 class KeyValue : public ::testing::Test {
 protected:
-    KeyValue() : unit(flash_board("type = 3\n", {{"config"}})) { unit.log.clear(); }
+    KeyValue() : unit(flash_board("kind = 'nor'\n", {{"config"}})) { unit.log.clear(); }
 
     // What a reader answered, copied out, and the first word.
     struct Read {
