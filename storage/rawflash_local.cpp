@@ -163,7 +163,7 @@ int createRawFlashLocal(RawFlash **out) {
         QEL_ERROR("no flash\n");
         return OSA_EFAIL;
     }
-    Object *const object = allocate(__func__, sizeof(Object), kOperations);
+    Object *const object = allocate<Object>(__func__, kOperations);
     if (object == nullptr) return OSA_EFAIL;
     hwid::ChipInfo chip{};
     object->chip = product::chip_info(&chip) == 0 ? chip.chip_idx : 0;

@@ -53,16 +53,16 @@ Object *object_of(RawFlash *thiz, int (*add_ref)(RawFlash *), const char *functi
     return nullptr;
 }
 
-Object *allocate(const char *function, size_t bytes, const RawFlash &operations) {
-    auto *const object = static_cast<Object *>(OSA_memCalloc(bytes));
-    if (object == nullptr) {
-        QEL_ERROR_AS(function, "OSA_memCalloc failed !\n");
-        return nullptr;
-    }
-    object->face = operations;
-    object->face.info = &object->info;
-    object->info = {1, 1, nullptr, nullptr};
-    return object;
+void *allocate_memory(const char *function, size_t bytes) {
+    void *const memory = OSA_memAlloc(bytes);
+    if (memory == nullptr) QEL_ERROR_AS(function, "OSA_memAlloc failed !\n");
+    return memory;
+}
+
+void set_up(Object &object, const RawFlash &operations) {
+    object.face = operations;
+    object.face.info = &object.info;
+    object.info = {1, 1, nullptr, nullptr};
 }
 
 int add_reference(Object &object) {

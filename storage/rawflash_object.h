@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 
 #include "frame/log.h"
 #include "frame/object.h"
@@ -35,8 +36,17 @@ struct Object {
 // line in the log, for anything else.
 Object *object_of(RawFlash *thiz, int (*add_ref)(RawFlash *), const char *function);
 
-// With one reference. nullptr without memory.
-Object *allocate(const char *function, size_t bytes, const RawFlash &operations);
+// A new object with one reference; nullptr without memory.
+void *allocate_memory(const char *function, size_t bytes);
+void set_up(Object &object, const RawFlash &operations);
+template <typename Kind>
+Kind *allocate(const char *function, const RawFlash &operations) {
+    void *const memory = allocate_memory(function, sizeof(Kind));
+    if (memory == nullptr) return nullptr;
+    Kind *const object = new (memory) Kind();
+    set_up(*object, operations);
+    return object;
+}
 int add_reference(Object &object);
 // How many references are left.
 int32_t drop_reference(Object &object);

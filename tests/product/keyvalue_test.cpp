@@ -18,7 +18,7 @@ constexpr const char *kPath = "/tmp/settings";
 // A board with a file, and the library on it.
 class KeyValue : public ::testing::Test {
 protected:
-    KeyValue() : unit(flash_board("type = 3\n", {{"config"}})) { unit.log.clear(); }
+    KeyValue() : unit(flash_board("kind = 'nor'\n", {{"config"}})) { unit.log.clear(); }
 
     // What a reader answered, copied out, and the first word.
     struct Read {
@@ -207,7 +207,8 @@ TEST_F(KeyValue, TheSumCoversAllLinesAndWraps) {
 TEST_F(KeyValue, AFullFileTakesNoMore) {
     std::vector<KeyValueRecord> records(128);
     for (size_t i = 0; i < records.size(); ++i) {
-        snprintf(records[i].key, sizeof records[i].key, "key%03zu-as-long-as-keys-may-be", i);
+        const std::string key = "key" + std::to_string(1000 + i).substr(1) + "-as-long-as-keys-may-be";
+        key.copy(records[i].key, sizeof records[i].key - 1);
         records[i].value = INT_MIN;
     }
     EXPECT_EQ(save(records), 0);

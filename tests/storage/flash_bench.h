@@ -10,25 +10,29 @@
 
 #include "board/core/board.h"
 #include "board/core/chip.h"
+#include "board/core/errors.h"
 #include "qel/qel.h"
-#include "tests/storage/flash_double.h"
 #include "tests/support/library.h"
 
 namespace qel::test {
 
 struct Part {
     const char *name;
-    const char *keys = "";  // further lines of its table
+    std::string keys = "";  // further lines of its table; 64 KiB long unless they say so
 };
+
+constexpr const char *kSmallNand = "kind = 'nand'\nerase_bytes = 0x4000\npage_bytes = 0x200\n";
 
 inline std::string flash_board(const std::string &flash, const std::vector<Part> &parts,
                                const std::string &properties = "5 = 3\n") {
-    add_flash_double();
+    const std::string medium = flash.find("kind = ") == std::string::npos ? kSmallNand : "";
     std::string text =
         "name = \"bench\"\n[[chip]]\n[chip.hwid]\nname = \"BX-200\"\n[chip.hwid.properties]\n" + properties +
-        "[chip.channel_map]\nchannel = [{ logical = 0 }]\n[chip.test_flash]\n" + flash;
+        "[chip.channel_map]\nchannel = [{ logical = 0 }]\n[chip.flash]\n" + medium + flash;
     for (const Part &part : parts) {
-        text += "\n[[chip.test_flash.partition]]\nname = \"" + std::string(part.name) + "\"\n" + part.keys;
+        const bool has_size = part.keys.find("size = ") != std::string::npos;
+        text += "\n[[chip.flash.partition]]\nname = \"" + std::string(part.name) + "\"\n" +
+                (has_size ? "" : "size = 0x10000\n") + part.keys;
     }
     return text + "\n";
 }
@@ -56,10 +60,12 @@ public:
         std::ofstream(host_path(path), std::ios::binary) << content;
     }
     int byte_at(const std::string &node, uint64_t offset) {
-        return static_cast<int>(board.poke(0, node, {"get", std::to_string(offset)}).value);
+        const auto answer = board.poke(0, node, {"read", std::to_string(offset), "1"});
+        return answer.value == 1 ? answer.data[0] : -1;
     }
     void set_byte(const std::string &node, uint64_t offset, int value) {
-        board.poke(0, node, {"set", std::to_string(offset), std::to_string(value)});
+        const auto byte = static_cast<uint8_t>(value);
+        EXPECT_EQ(board.poke(0, node, {"write", std::to_string(offset), board::to_hex(&byte, 1)}).value, 0);
     }
 
     board::Board board;

@@ -17,7 +17,7 @@ const std::vector<Part> kTwo = {{"U-Boot", "size = 0x20000"},
                                 {"fifteen-letters", "size = 0x40000\nbackup = 0x100000"}};
 
 TEST(FlashTable, IsTheSameFromBothRequests) {
-    for (const char *driver : {"know64 = true", "know64 = false"}) {
+    for (const char *driver : {"knows_64_bit = true\n", "knows_64_bit = false\n"}) {
         const Unit unit(flash_board(driver, kTwo));
         FlashPartitionTable *table = nullptr;
         ASSERT_EQ(UNIT_CALL(unit, QEL_getPartionInfo64)(&table), 0) << driver;
@@ -36,13 +36,14 @@ TEST(FlashTable, IsTheSameFromBothRequests) {
         EXPECT_EQ(list.entries[0].backupOffset, UINT32_MAX);
         EXPECT_EQ(list.entries[1].offset, 0x20000u);
         EXPECT_TRUE(unit.log.contains("[libqel] partionNum=2\n"));
-        EXPECT_EQ(unit.log.count("(Flash_getPartionInfo|"), strcmp(driver, "know64 = true") == 0 ? 0 : 1);
+        EXPECT_EQ(unit.log.count("(Flash_getPartionInfo|"),
+                  strcmp(driver, "knows_64_bit = true\n") == 0 ? 0 : 1);
     }
 }
 
 TEST(FlashTable, KeepsNamesOf16LettersAndSizesAbove4GiBInBounds) {
-    const Unit unit(flash_board("type = 5", {{"sixteen-letters!", "size = 0x1000"},
-                                             {"high", "size = 0x4000\noffset = 0x300000000"}}));
+    const Unit unit(flash_board("kind = 'emmc'", {{"sixteen-letters!", "size = 0x1000"},
+                                                  {"high", "size = 0x4000\noffset = 0x300000000"}}));
     FlashPartitionTable *table = nullptr;
     ASSERT_EQ(UNIT_CALL(unit, QEL_getPartionInfo64)(&table), 0);
     EXPECT_STREQ(table->entries[0].name, "sixteen-letters");
@@ -50,7 +51,7 @@ TEST(FlashTable, KeepsNamesOf16LettersAndSizesAbove4GiBInBounds) {
 }
 
 TEST(FlashTable, IsNotBelievedBeyond32Partitions) {
-    const Unit unit(flash_board("claims = 33", kTwo));
+    const Unit unit(flash_board("", kTwo), {"/dev/qecPartion ioctl flip 5"});  // of 2 makes it 34
     FlashPartitionTable *table = nullptr;
     FlashInfo info;
     EXPECT_EQ(UNIT_CALL(unit, QEL_getPartionInfo64)(&table), -1);
@@ -77,9 +78,11 @@ TEST(FlashTable, TakesTheFpgaStartFromTheDriverOrTheBoardType) {
         const char *properties;
         uint32_t start;
     } cases[] = {
-        {"fpga_start = 0x123000", "5 = 9\n", 0x123000}, {"fpga_start = -1", "5 = 9\n", 0x2000000},
-        {"fpga_start = -1", "5 = 31\n", 0x20000000},    {"fpga_start = -1", "5 = 35\n", 0x20000000},
-        {"fpga_start = -1", "5 = 3\n", 0x4000000},
+        {"fpga_start = 0x123000", "5 = 9\n", 0x123000},
+        {"", "5 = 9\n", 0x2000000},
+        {"", "5 = 31\n", 0x20000000},
+        {"", "5 = 35\n", 0x20000000},
+        {"", "5 = 3\n", 0x4000000},
     };
     for (const auto &c : cases) {
         const Unit unit(flash_board(c.flash, kTwo, c.properties));
@@ -94,10 +97,11 @@ TEST(FlashGeometry, IsThatOfTheMedium) {
         const char *flash;
         FlashInfo expected;
     } cases[] = {
-        {"type = 3\nerase = 0x1000\npage = 1", {QEL_FLASH_NOR, 0x20000, 0x1000, 0x1000}},
-        {"type = 4\nerase = 0x4000\npage = 0x200", {QEL_FLASH_NAND, 0x20000, 0x200, 0x4000}},
-        {"type = 8\nerase = 0x8000\npage = 0x800", {QEL_FLASH_MLC_NAND, 0x20000, 0x800, 0x8000}},
-        {"type = 5", {QEL_FLASH_EMMC, 0x20000, 512, 16384}},
+        {"kind = 'nor'\nerase_bytes = 0x1000", {QEL_FLASH_NOR, 0x20000, 0x1000, 0x1000}},
+        {kSmallNand, {QEL_FLASH_NAND, 0x20000, 0x200, 0x4000}},
+        {"kind = 'mlc-nand'\nerase_bytes = 0x8000\npage_bytes = 0x800",
+         {QEL_FLASH_MLC_NAND, 0x20000, 0x800, 0x8000}},
+        {"kind = 'emmc'", {QEL_FLASH_EMMC, 0x20000, 512, 16384}},
     };
     for (const auto &c : cases) {
         const Unit unit(flash_board(c.flash, kTwo));
@@ -116,12 +120,12 @@ TEST(FlashGeometry, IsNotGuessedWhereTheDeviceDoesNotTell) {
 }
 
 TEST(FlashGeometry, WithoutAnEraseSizeIsNone) {
-    const Unit unit(flash_board("erase = 0", kTwo));
+    const Unit unit(flash_board("", kTwo), {"/dev/mtd/0 ioctl:MEMGETINFO flip 110"});  // of 0x4000 makes 0
     EXPECT_TRUE(unit.log.contains("MEMGETINFO error"));
 }
 
 TEST(FlashPartitionOpen, FindsItsDeviceByName) {
-    const Unit unit(flash_board("type = 5", kTwo));
+    const Unit unit(flash_board("kind = 'emmc'", kTwo));
     int fd = -5, index = -5;
     ASSERT_EQ(UNIT_CALL(unit, QEL_flashOpenPartion)("fifteen-letters", &fd, &index), 0);
     EXPECT_GE(fd, 0);
@@ -208,7 +212,7 @@ TEST_F(GoodBlocks, ABlockThatCannotBeAskedIsNotUsed) {
 }
 
 TEST(GoodBlocksElsewhere, MapEveryOffsetToItself) {
-    for (const char *flash : {"type = 3\nerase = 0x1000", "type = 5"}) {
+    for (const char *flash : {"kind = 'nor'\nerase_bytes = 0x1000", "kind = 'emmc'"}) {
         const Unit unit(flash_board(flash, kTwo));
         uint64_t out = 0;
         EXPECT_EQ(UNIT_CALL(unit, Flash_LookupTab)(0x123457, &out, -1), 0);

@@ -292,7 +292,7 @@ TEST(FlagsOfASlaveChip, AreAskedOfThatChip) {
         EXPECT_EQ(QEL_slvEmmcWriteBackUpFlag(1, 2, 3, 0x44), -1);
     });
     in_a_process([] {
-        Flow flow("type = 5");
+        Flow flow("kind = 'emmc'");
         flow.start();
         WriteFlagPayload request = {99, 1, 2, 3, 0x44};
         EXPECT_EQ(serve_write_flag(&request, sizeof request - 1), -1);

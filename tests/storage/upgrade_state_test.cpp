@@ -33,15 +33,15 @@ protected:
     Unit unit;
 };
 
-INSTANTIATE_TEST_SUITE_P(On, Flags,
-                         ::testing::Values(Medium{"nor", "type = 3\nerase = 0x1000\npage = 1", "/dev/mtd/1",
-                                                  0x1000, 64},
-                                           Medium{"nand", "type = 4", "/dev/mtd/1", 0x4000, 0x200,
-                                                  "size = 0x20000\nbad = [0]", 0x4000},
-                                           Medium{"mlc", "type = 8\nerase = 0x8000\npage = 0x800",
-                                                  "/dev/mtd/1", 0x8000, 0x800, "size = 0x40000"},
-                                           Medium{"emmc", "type = 5", "/dev/mmcblk0p2", 16384, 512}),
-                         [](const auto &info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    On, Flags,
+    ::testing::Values(Medium{"nor", "kind = 'nor'\nerase_bytes = 0x1000", "/dev/mtd/1", 0x1000, 64},
+                      Medium{"nand", kSmallNand, "/dev/mtd/1", 0x4000, 0x200, "size = 0x20000\nbad = [0]",
+                             0x4000},
+                      Medium{"mlc", "kind = 'mlc-nand'\nerase_bytes = 0x8000\npage_bytes = 0x800",
+                             "/dev/mtd/1", 0x8000, 0x800, "size = 0x40000"},
+                      Medium{"emmc", "kind = 'emmc'", "/dev/mmcblk0p2", 16384, 512}),
+    [](const auto &info) { return info.param.name; });
 
 TEST_P(Flags, AreWrittenWhereTheyAreReadFrom) {
     const auto write = UNIT_CALL(unit, QEL_flashWriteBackUpFlag);
@@ -230,7 +230,7 @@ TEST(UpdateState, WithoutFlagsEveryOperationDoesNothing) {
 }
 
 TEST(UpdateState, HasNoPagesOnOtherRawFlash) {
-    Unit unit(flash_board("type = 6", {{"updateflag"}}));
+    Unit unit(flash_board("", {{"updateflag"}}), {"/dev/mtd/0 ioctl:MEMGETINFO flip 1"});  // type 6
     EXPECT_EQ(UNIT_CALL(unit, QEL_flashWriteBackUpFlag)(0, 0, 0, 1), -1);
     EXPECT_EQ(UNIT_CALL(unit, Flash_flashWriteFlagPage)(0, 0, "", 0), -1);
 }

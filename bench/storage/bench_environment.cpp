@@ -1,0 +1,288 @@
+// bench_environment.cpp - what reading a boot parameter costs: warm against the two semaphore operations
+// around it, cold in a new process against another library's open, read and close of the same block,
+// and how it grows with the parameters.
+//
+// Both sides of a row are measured in turns, so that what else the machine does meanwhile hits both.
+// Prints rows as bench/CMakeLists.txt describes, medians over the rounds. Limits: 1.5 warm; cold a
+// third of the other library's time; not more than in proportion to the parameters.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#if __has_include(<libuboot.h>)
+#include <libuboot.h>
+#define QEL_HAS_LIBUBOOTENV 1
+#endif
+
+#include "board/core/board.h"
+#include "os/hook.h"
+#include "qel/product.h"
+
+namespace {
+
+constexpr int kRounds = 15;
+constexpr int kCalls = 20000;
+constexpr int kCallsAmongMany = 400;
+constexpr int kNewProcesses = 41;
+constexpr size_t kBlockBytes = 0x20000;
+constexpr const char *kNode = "/dev/mmcblk0p2";
+
+[[noreturn]] void give_up(const char *what) {
+    fprintf(stderr, "bench-storage-environment: %s failed\n", what);
+    _exit(1);
+}
+
+void expect(bool condition, const char *what) {
+    if (!condition) give_up(what);
+}
+
+double median(std::vector<double> values) {
+    std::ranges::nth_element(values, values.begin() + static_cast<ptrdiff_t>(values.size() / 2));
+    return values[values.size() / 2];
+}
+
+double microseconds_of(const std::function<void()> &work) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
+}
+
+void print_row(const std::string &what, const std::string &against, const std::vector<double> &costs,
+               const std::vector<double> &bases) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < costs.size(); ++i) ratios.push_back(costs[i] / bases[i]);
+    printf("| %s | %.2f us | %s | %.2f us | %.2f |\n", what.c_str(), median(costs), against.c_str(),
+           median(bases), median(ratios));
+    fflush(stdout);
+}
+
+void compare(const std::string &what, const std::function<void()> &work, const std::string &against,
+             const std::function<void()> &bare, int calls) {
+    std::vector<double> costs;
+    std::vector<double> bases;
+    for (int round = 0; round <= kRounds; ++round) {
+        const double base = microseconds_of([&] {
+            for (int i = 0; i < calls; ++i) bare();
+        });
+        const double cost = microseconds_of([&] {
+            for (int i = 0; i < calls; ++i) work();
+        });
+        if (round == 0) continue;  // warms up
+        costs.push_back(cost / calls);
+        bases.push_back(base / calls);
+    }
+    print_row(what, against, costs, bases);
+}
+
+class Library {
+public:
+    Library() : handle_(dlopen(QEL_LIB_DIR "/libqel.so.1", RTLD_NOW)) {
+        expect(handle_ != nullptr, "loading the library");
+        get_ = function<decltype(getBootParameter)>("getBootParameter");
+    }
+    ~Library() { dlclose(handle_); }
+    Library(const Library &) = delete;
+    Library &operator=(const Library &) = delete;
+
+    template <typename Function>
+    Function *function(const char *name) const {
+        void *const symbol = dlsym(handle_, name);
+        expect(symbol != nullptr, name);
+        return reinterpret_cast<Function *>(symbol);
+    }
+    void get(const char *name) const {
+        char value[QEL_BOOT_PARAMETER_BYTES];
+        expect(get_(name, value, sizeof value) == 0, "getBootParameter");
+    }
+
+private:
+    void *handle_;
+    decltype(getBootParameter) *get_;
+};
+
+class Semaphore {
+public:
+    Semaphore() : id_(semget(IPC_PRIVATE, 1, 0600)) {
+        expect(id_ >= 0, "semget");
+        add(1, 0);
+    }
+    ~Semaphore() { semctl(id_, 0, IPC_RMID); }
+    Semaphore(const Semaphore &) = delete;
+    Semaphore &operator=(const Semaphore &) = delete;
+
+    void take_and_give() const {
+        add(-1, SEM_UNDO);
+        add(1, SEM_UNDO);
+    }
+
+private:
+    void add(short amount, short flags) const {
+        sembuf step{0, amount, flags};
+        expect(semop(id_, &step, 1) == 0, "semop");
+    }
+    int id_;
+};
+
+void measure_warm() {
+    const Library library;
+    const Semaphore semaphore;
+    compare(
+        "boot parameter, read again", [&] { library.get("bootdelay"); }, "two bare semaphore operations",
+        [&] { semaphore.take_and_give(); }, kCalls);
+}
+
+// ---- cold ----
+
+#ifdef QEL_HAS_LIBUBOOTENV
+// Loaded when measured: no part of this project needs it.
+class OtherLibrary {
+public:
+    OtherLibrary() : handle_(dlopen("libubootenv.so.0", RTLD_NOW)) {}
+    bool is_there() const { return handle_ != nullptr; }
+    void open_read_close(const char *config, const char *name) const {
+        uboot_ctx *context = nullptr;
+        expect(call<decltype(libuboot_initialize)>("libuboot_initialize")(&context, nullptr) == 0,
+               "initialize");
+        expect(call<decltype(libuboot_read_config)>("libuboot_read_config")(context, config) == 0,
+               "its config");
+        expect(call<decltype(libuboot_open)>("libuboot_open")(context) == 0, "its open");
+        char *const value = call<decltype(libuboot_get_env)>("libuboot_get_env")(context, name);
+        expect(value != nullptr, "its read");
+        free(value);
+        call<decltype(libuboot_close)>("libuboot_close")(context);
+        call<decltype(libuboot_exit)>("libuboot_exit")(context);
+    }
+
+private:
+    template <typename Function>
+    Function *call(const char *name) const {
+        return reinterpret_cast<Function *>(dlsym(handle_, name));
+    }
+    void *handle_;
+};
+
+void write_block(const std::string &path) {
+    std::vector<char> block(kBlockBytes);
+    const qel_os_ops &os = *qel_world_hook()->os;
+    const int fd = os.open(kNode, O_RDWR, 0);
+    expect(fd >= 0 && os.read(fd, block.data(), block.size()) == static_cast<ssize_t>(block.size()),
+           "the block");
+    os.close(fd);
+    std::ofstream(path, std::ios::binary).write(block.data(), static_cast<std::streamsize>(block.size()));
+}
+
+struct Cold {
+    double cost_us;
+    double against_us;
+};
+
+// In a process that has attached to nothing yet, but has both libraries.
+Cold measure_in_new_process(const std::string &config) {
+    int results[2];
+    expect(pipe(results) == 0, "pipe");
+    const pid_t pid = fork();
+    expect(pid >= 0, "fork");
+    if (pid == 0) {
+        const Library library;
+        const OtherLibrary other;
+        library.function<decltype(ENV_preInit)>("ENV_preInit")();  // lets go of what loading attached
+        Cold cold{};
+        cold.against_us = microseconds_of([&] { other.open_read_close(config.c_str(), "bootdelay"); });
+        cold.cost_us = microseconds_of([&] { library.get("bootdelay"); });
+        _exit(write(results[1], &cold, sizeof cold) == sizeof cold ? 0 : 1);
+    }
+    close(results[1]);
+    Cold cold{};
+    expect(read(results[0], &cold, sizeof cold) == sizeof cold, "a new process");
+    close(results[0]);
+    waitpid(pid, nullptr, 0);
+    return cold;
+}
+
+void measure_cold() {
+    if (!OtherLibrary().is_there()) return;
+    std::string folder = (std::filesystem::temp_directory_path() / "qel-bench-XXXXXX").string();
+    expect(mkdtemp(folder.data()) != nullptr, "mkdtemp");
+    write_block(folder + "/block");
+    std::ofstream(folder + "/config") << folder << "/block 0x0 0x20000\n";
+    std::vector<double> costs;
+    std::vector<double> bases;
+    for (int i = 0; i < kNewProcesses; ++i) {
+        const Cold cold = measure_in_new_process(folder + "/config");
+        costs.push_back(cold.cost_us);
+        bases.push_back(cold.against_us);
+    }
+    std::filesystem::remove_all(folder);
+    print_row("boot parameter, first read of a process", "libubootenv: open, read, close", costs, bases);
+}
+#else
+void measure_cold() {}  // without the other library's header there is nothing to compare with
+#endif
+
+// ---- many parameters ----
+
+std::string board_with(int parameters) {
+    std::string text = qel::board::find_board("emmc");
+    for (int i = 0; i < parameters; ++i) {
+        char line[64];
+        snprintf(line, sizeof line, "parameter%05d = \"value\"\n", i);
+        text += line;
+    }
+    return text;
+}
+
+double cost_among(int parameters) {
+    qel::board::Board board(board_with(parameters));
+    board.enter({.chip = 0, .as = "vesta"});
+    double cost = 0;
+    {
+        const Library library;
+        char last[32];
+        snprintf(last, sizeof last, "parameter%05d", parameters - 1);
+        std::vector<double> costs;
+        for (int round = 0; round < kRounds; ++round) {
+            costs.push_back(microseconds_of([&] {
+                for (int i = 0; i < kCallsAmongMany; ++i) library.get(last);
+            }));
+        }
+        cost = median(costs) / kCallsAmongMany;
+    }
+    board.leave();
+    return cost;
+}
+
+void measure_many() {
+    constexpr int kFew = 500;
+    constexpr int kMany = 4000;
+    const double few = cost_among(kFew);
+    const double many = cost_among(kMany);
+    printf("| boot parameter, last of %d | %.2f us | last of %d | %.2f us | %.2f |\n", kMany, many, kFew, few,
+           many / few);
+}
+
+}  // namespace
+
+int main() {
+    {
+        qel::board::Board board(qel::board::find_board("emmc"));
+        board.enter({.chip = 0, .as = "vesta"});
+        measure_warm();
+        measure_cold();
+        board.leave();
+    }
+    measure_many();
+    return 0;
+}
