@@ -259,7 +259,7 @@ TEST_F(RunTest, MakesAnyOneStepOfTheChainsFail) {
     std::string script = "status=0; export OSA_LOG=error;";
     for (const char *step : steps)
         script += " QELBOARD_FAIL_STEPS=" + std::string(step) + " " + kQelctl +
-                  " version >/dev/null || status=1; echo . >&2;";
+                  " version >/dev/null || status=1; printf '\\n.\\n' >&2;";
     ASSERT_EQ(shell(script + " exit $status", {"--fault", "step QEL_comInit fail", "--as", "vesta"}), 0)
         << err();
     // What each load told, one after the other. Two steps are told of under a neighbour's name.
