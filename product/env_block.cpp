@@ -126,11 +126,11 @@ Value find(ConstBlock block, const char *name) {
 
 bool is_name(const char *name) { return name[0] != '\0' && strchr(name, '=') == nullptr; }
 
-size_t bytes_in_use(ConstBlock block) {
+ListEnd find_end(ConstBlock block) {
     Walk walk(block);
     while (walk.next()) {
     }
-    return walk.at() - kCrcBytes;
+    return {walk.at(), walk.at() < block.size() && block[walk.at()] == 0};
 }
 
 void remove(Block block, const char *name) {
