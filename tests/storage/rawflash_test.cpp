@@ -264,6 +264,18 @@ TEST_P(RawFlashOn, MarksTheUpgradeAndItsEnd) {
     EXPECT_TRUE(bench.is_filled(kTarget)) << "has to wait";
 }
 
+TEST(RawFlashAddress, BelongsToTheSmallestPartitionThatHoldsIt) {
+    BoardKeys keys;
+    keys.more_partitions =
+        "{ name = \"all\", offset = 0, size = " + std::to_string(6 * kBlocks * kNand.erase_bytes) + " }";
+    FlashBench bench(kNand, keys);
+    bench.mark("bad", kBefore, 0);  // moves what "all" has behind it
+    bench.open();
+    const Content data = pattern(100, 1);
+    EXPECT_EQ(bench.flash->write64(bench.flash, bench.address(kTarget), data.data(), 100), 0);
+    EXPECT_EQ(bench.bytes(kTarget, 0, 100), data);
+}
+
 TEST(RawFlashReferences, KeepTheObjectUntilTheLastGoes) {
     FlashBench bench(kNand, {.of_target = "", .of_flash = "", .has_flags = false});
     bench.open();
