@@ -314,14 +314,14 @@ TEST_F(Forwarding, AFailingHandlerEndsTheCallWithAnError) {
     Slave slave(board_, [](const Log &log) {
         EXPECT_TRUE(log.contains("(QEL_adapterSlaveTskRun|"));
         EXPECT_TRUE(log.contains("): Proc[12]:0x"));
-        EXPECT_TRUE(log.contains("): cmd:9 of module 2 is not available\n"));
+        EXPECT_TRUE(log.contains("): cmd:9 of module 3 is not available\n"));
         EXPECT_TRUE(log.contains("): cmd:0 of module 0 with 455 bytes is unknown\n"));
     });
     load(slave);
     Message failing(kTestModule, kFail);
-    Message flash(QEL_MODULE_FLASH, 9);
+    Message upgrade(QEL_MODULE_PERIPHERAL_UPGRADE, 9);
     Message record(QEL_MODULE_PRODUCT, 0, std::vector<uint8_t>(455));
-    for (Message *message : {&failing, &flash, &record}) EXPECT_LT(send(*message), 0);
+    for (Message *message : {&failing, &upgrade, &record}) EXPECT_LT(send(*message), 0);
     EXPECT_EQ(log_.count("): Fail to put buffer, status=-"), 3);
     EXPECT_TRUE(inverts(8));
     EXPECT_EQ(slave.stop(), 0);
