@@ -53,15 +53,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string text(end + 1, data + size);
 
     Value value;
-    if (Text plain(text); true) {
+    {
+        Text plain(text);
         Lines lines = plain.lines();
         if (find(lines, key.c_str(), '=', &value) == Result::kFound) check(value);
     }
-    if (Text sections(text); true) {
+    {
+        Text sections(text);
         Lines lines = sections.lines();
         if (find_in_section(lines, 1, key.c_str(), '\0', &value) == Result::kFound) check(value);
     }
-    if (Text blocks(text); true) {
+    {
+        Text blocks(text);
         Lines lines = blocks.lines();
         if (find_in_block(lines, "tag", key.c_str(), &value) == Result::kFound) check(value);
     }

@@ -34,3 +34,40 @@ for ((i = 0; i < 60; ++i)); do printf '%s' "$v3"; done >"$work/partitionV3.txt" 
 head -c 6000 /dev/zero >"$work/partitionV2.txt"
 image several
 image padded-with-holes -p -z
+
+# EEPROM chips: the first byte chooses page size and capacity (fuzz/eefs_fuzz.cpp).
+words() { # words NUMBER... - as little-endian 32-bit words
+    local number format
+    for number; do
+        printf -v format '\\x%02x\\x%02x\\x%02x\\x%02x' $((number & 255)) $((number >> 8 & 255)) \
+            $((number >> 16 & 255)) $((number >> 24 & 255))
+        printf '%b' "$format"
+    done
+}
+zeros() { head -c "$1" /dev/zero; }
+eeprom_file() { # eeprom_file NAME BYTES ROOM
+    words 0 1 "$2" 1700000000
+    printf '%s' "$1"
+    zeros $((40 - ${#1} + $3))
+}
+mkdir -p corpus/eefs
+{
+    printf '\201'
+    words 0 0xDEEF5123 1 280 512 2 0 120 28 0 204 20
+    zeros 72
+    eeprom_file net.conf 12 28
+    eeprom_file b 1 20
+} >corpus/eefs/two-files
+{
+    printf '\201'
+    zeros 128
+    words 0 0xDEEF5123 1 196 444 1 0 120 20
+    zeros 84
+    eeprom_file a 4 20
+} >corpus/eefs/second-place
+{
+    printf '\200'
+    words 0 0xDEEF5123 1 0xFFFFFFFF 0x7FFFFFFF 8
+    for ((i = 0; i < 8; ++i)); do words 0 $((120 + 60 * i)) 0xFFFF; done
+    for ((i = 0; i < 8; ++i)); do eeprom_file "file$i" 60 4; done
+} >corpus/eefs/contradictions

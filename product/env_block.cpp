@@ -1,6 +1,7 @@
 #include "product/env_block.h"
 
 #include <zlib.h>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -126,11 +127,11 @@ Value find(ConstBlock block, const char *name) {
 
 bool is_name(const char *name) { return name[0] != '\0' && strchr(name, '=') == nullptr; }
 
-size_t bytes_in_use(ConstBlock block) {
+ListEnd find_end(ConstBlock block) {
     Walk walk(block);
     while (walk.next()) {
     }
-    return walk.at() - kCrcBytes;
+    return {walk.at(), walk.at() < block.size() && block[walk.at()] == 0};
 }
 
 void remove(Block block, const char *name) {
@@ -149,15 +150,11 @@ bool append(Block block, const char *name, const char *value) {
     const size_t in_use = bytes_in_use(block);
     const size_t name_length = strlen(name);
     const size_t value_length = strlen(value);
-    // "=", the entry's terminator and the list's.
-    if (name_length + value_length + 3 > block.size() - kCrcBytes - in_use) return false;
-    uint8_t *at = block.data() + kCrcBytes + in_use;
-    memcpy(at, name, name_length);
-    at += name_length;
-    *at++ = '=';
-    memcpy(at, value, value_length);
-    at += value_length;
-    memset(at, 0, static_cast<size_t>(block.data() + block.size() - at));
+    const size_t entry_bytes = name_length + value_length + 2;  // with "=" and a terminator
+    const Block free = block.subspan(kCrcBytes + in_use);
+    if (entry_bytes + 1 > free.size()) return false;
+    snprintf(reinterpret_cast<char *>(free.data()), entry_bytes, "%s=%s", name, value);
+    memset(free.data() + entry_bytes, 0, free.size() - entry_bytes);
     return true;
 }
 

@@ -38,8 +38,14 @@ Value find(ConstBlock block, const char *name);
 
 bool is_name(const char *name);  // not empty, without "="
 
-// Bytes of the entries with their terminators, without the zero byte behind the last.
-size_t bytes_in_use(ConstBlock block);
+// Where the list ends: behind its last entry, in front of its own zero byte.
+struct ListEnd {
+    size_t at;
+    bool is_marked;  // the zero byte is there
+};
+ListEnd find_end(ConstBlock block);
+// Bytes of the entries with their terminators.
+inline size_t bytes_in_use(ConstBlock block) { return find_end(block).at - kCrcBytes; }
 // Drops all entries of that name; the rest of the block is zero afterwards.
 void remove(Block block, const char *name);
 // False, and no change, where there is no room. `name` must not be there.

@@ -78,14 +78,14 @@ int for_each_section(const Medium &medium, Visit visit) {
     return 0;
 }
 
-bool read_good_section(const Medium &medium, const Section &section, Block block) {
+bool read_good_section(const Medium &medium, const Section &section, uint8_t *to) {
     uint64_t place = 0;
     if (Flash_LookupTab(section.at, &place, medium.index) != 0) return false;
     if (os::seek(medium.fd, static_cast<int64_t>(place), SEEK_SET) < 0) {
         os::print_out("Fail to lseek env section");
         return false;
     }
-    const ssize_t got = os::read_full(medium.fd, block.data() + section.at, section.bytes);
+    const ssize_t got = os::read_full(medium.fd, to, section.bytes);
     if (got == static_cast<ssize_t>(section.bytes)) return true;
     os::print_out("Fail to read env section %u,%llx,%llx,%d,%x\n", section.number,
                   static_cast<unsigned long long>(section.at), static_cast<unsigned long long>(place),
@@ -93,8 +93,8 @@ bool read_good_section(const Medium &medium, const Section &section, Block block
     return false;
 }
 
-bool read_section(const Medium &medium, const Section &section, Block block) {
-    const ssize_t got = os::read_full(medium.fd, block.data() + section.at, section.bytes);
+bool read_next_section(const Medium &medium, const Section &section, uint8_t *to) {
+    const ssize_t got = os::read_full(medium.fd, to, section.bytes);
     if (got == static_cast<ssize_t>(section.bytes)) return true;
     os::print_out("Fail to read env section: %u, fd = %d, ret = %x\n", section.number, medium.fd,
                   static_cast<unsigned>(got));
@@ -105,6 +105,19 @@ int seek_to_start(const Medium &medium) {
     if (os::seek(medium.fd, 0, SEEK_SET) >= 0) return 0;
     os::print_out("Fail to lseek env section");
     return OSA_EFAIL;
+}
+
+// `place_for` tells where a section goes, just before it is read.
+template <typename Place>
+int read_sections(const Medium &medium, Place place_for) {
+    const bool good_blocks = has_good_blocks(medium);
+    if (!good_blocks && seek_to_start(medium) != 0) return OSA_EFAIL;
+    return for_each_section(medium, [&](const Section &section) {
+        uint8_t *const to = place_for(section);
+        if (!(good_blocks ? read_good_section : read_next_section)(medium, section, to)) return false;
+        if (medium.reversed) reverse_words({to, section.bytes});
+        return true;
+    });
 }
 
 bool write_good_section(const Medium &medium, const Section &section, ConstBlock block) {
@@ -199,16 +212,20 @@ void close_medium(Medium *medium) {
 }
 
 int read_block(const Medium &medium, Block block) {
-    if (has_good_blocks(medium)) {
-        return for_each_section(
-            medium, [&](const Section &section) { return read_good_section(medium, section, block); });
-    }
-    if (seek_to_start(medium) != 0) return OSA_EFAIL;
-    if (for_each_section(medium,
-                         [&](const Section &section) { return read_section(medium, section, block); }) != 0) {
-        return OSA_EFAIL;
-    }
-    if (medium.reversed) reverse_words(block);
+    return read_sections(medium, [&](const Section &section) { return block.data() + section.at; });
+}
+
+int read_list(const Medium &medium, Block block, size_t *end) {
+    ListEnd list = {0, false};
+    size_t kept = 0;
+    const auto place_for = [&](const Section &section) {
+        if (!list.is_marked && section.at > 0) list = find_end(block.first(section.at));
+        if (list.is_marked) return block.data() + list.at + 1;  // is not kept
+        kept = section.at + section.bytes;
+        return block.data() + section.at;
+    };
+    if (read_sections(medium, place_for) != 0) return OSA_EFAIL;
+    *end = list.is_marked ? list.at : find_end(block.first(kept)).at;
     return 0;
 }
 

@@ -20,6 +20,9 @@ struct Medium {
 int open_medium(Medium *medium);
 void close_medium(Medium *medium);
 int read_block(const Medium &medium, Block block);
+// Reads the whole block but keeps only its list: what stands in `block` up to *end. Most of a block is
+// empty, and memory that is not touched costs nothing.
+int read_list(const Medium &medium, Block block, size_t *end);
 int write_block(const Medium &medium, ConstBlock block);
 
 // Memory for a block of the medium while it is worked on; none where there is not enough.

@@ -68,21 +68,28 @@ void mark(uint32_t what) {
     std::atomic_thread_fence(std::memory_order_seq_cst);  // nothing behind it moves in front
 }
 
-void publish(ConstBlock block) {
+// Replaces the list of the shared copy; behind a list it is zero.
+void publish(ConstBlock list) {
+    const size_t end = list.size();
+    const bool was_whole = first_word().load() != kCopying;
+    const size_t old_end = was_whole ? find_end(shared()).at : shared().size();
     mark(kCopying);
-    memcpy(state.segment + kCrcBytes, block.data() + kCrcBytes, block.size() - kCrcBytes);
+    memcpy(state.segment + kCrcBytes, list.data() + kCrcBytes, end - kCrcBytes);
+    const size_t zero_end = std::min(std::max(old_end, end) + 1, shared().size());
+    memset(state.segment + end, 0, zero_end - end);
     uint32_t word = 0;
-    memcpy(&word, block.data(), sizeof word);
+    memcpy(&word, list.data(), sizeof word);
     first_word().store(word);
 }
 
 int load_from_flash() {
     const Scratch scratch(state.medium.block_bytes);
-    if (!scratch || read_block(state.medium, scratch.block()) != 0) {
+    size_t end = 0;
+    if (!scratch || read_list(state.medium, scratch.block(), &end) != 0) {
         os::print_out("Fail to read env partition!");
         return OSA_EFAIL;
     }
-    publish(scratch.block());
+    publish(scratch.block().first(end));
     return 0;
 }
 
@@ -90,7 +97,7 @@ int load_from_flash() {
 int save(ConstBlock block) {
     mark(kSaving);
     const int status = write_block(state.medium, block);
-    publish(block);
+    publish(block.first(find_end(block).at));
     return status;
 }
 
@@ -176,7 +183,7 @@ int replace(const char *name, const char *value) {
     memcpy(block.data(), shared().data(), block.size());
     remove(block, name);
     if (!append(block, name, value)) {
-        publish(block);
+        publish(block.first(find_end(block).at));
         os::print_out("environment overflow, \"%s\" deleted\n", name);
         os::print_out("set environment to flash fail");
         return OSA_EFAIL;

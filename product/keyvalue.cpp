@@ -33,7 +33,7 @@ int create_mutex() {
     OSA_MutexHandle fresh = nullptr;
     if (OSA_mutexCreate(&fresh) != 0) return OSA_EFAIL;
     OSA_MutexHandle none = nullptr;
-    if (!state.mutex.compare_exchange_strong(none, fresh)) OSA_mutexDelete(&fresh);
+    if (!state.mutex.compare_exchange_strong(none, fresh)) return OSA_mutexDelete(&fresh);
     gIsMutexCreate = 1;
     return 0;
 }

@@ -252,11 +252,11 @@ double cost_among(int parameters) {
         const Library library;
         char last[32];
         snprintf(last, sizeof last, "parameter%05d", parameters - 1);
-        std::vector<double> costs;
-        for (int round = 0; round < kRounds; ++round) {
-            costs.push_back(microseconds_of([&] {
+        std::vector<double> costs(kRounds);
+        for (double &round : costs) {
+            round = microseconds_of([&] {
                 for (int i = 0; i < kCallsAmongMany; ++i) library.get(last);
-            }));
+            });
         }
         cost = median(costs) / kCallsAmongMany;
     }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -45,6 +46,8 @@ struct Medium {
         return text;
     }
 };
+
+inline void PrintTo(const Medium &medium, std::ostream *out) { *out << medium.name; }
 
 inline std::vector<uint64_t> row(size_t count, uint64_t step) {
     std::vector<uint64_t> offsets;

@@ -1,6 +1,4 @@
-// The raw EEPROM objects: files in and out, several chips, what each operation asks of the chip, and
-// what is left when the power goes at any write.
-#include <csignal>
+// The raw EEPROM objects: files in and out, several chips, and what each operation asks of the chip.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -430,103 +428,6 @@ TEST(RawEeprom, ReadsNoByteTwiceAndWritesNoMoreThanTheFormatAsks) {
     traffic = traffic_of(box, [&] { box.files(); });
     EXPECT_EQ(traffic.read_bytes, 3 * kHeader + 400);
     EXPECT_EQ(traffic.twice_bytes, 0u);
-}
-
-// ---- power cuts ----
-
-struct Cut {
-    const char *what;
-    const char *name;  // of the file stored
-    Bytes data;
-    bool laid_out_anew;
-};
-
-class PowerCut : public testing::Test {
-protected:
-    PowerCut() {
-        char folder[] = "/tmp/qel-eeprom-XXXXXX";
-        dir_ = mkdtemp(folder);
-        work_ = dir_ + "/work";
-    }
-    ~PowerCut() override { std::filesystem::remove_all(dir_); }
-
-    Files before() const { return {{"a", pattern(60, 1)}, {"b", pattern(90, 2)}, {"c", pattern(33, 3)}}; }
-    // A board whose chip holds these files, in a folder; made once, then copied.
-    void prepare() {
-        namespace fs = std::filesystem;
-        const std::string made = dir_ + "/made";
-        if (!fs::exists(made)) {
-            run_in_child([&] {
-                Box box(one_chip(), {.dir = made});
-                for (const auto &[name, data] : before()) box.store(name, data);
-                return 0;
-            });
-        }
-        fs::remove_all(work_);
-        fs::copy(made, work_, fs::copy_options::recursive);
-    }
-    // Stores with the power cut at a write; whether it came so far.
-    bool cut(const Cut &one, int at, int torn) {
-        prepare();
-        return run_in_child([&] {
-                   Box box(one_chip(), {.dir = work_});
-                   box.bench.board.add_fault("/dev/qecEEPROM power-cut at " + std::to_string(at) + " torn " +
-                                             std::to_string(torn));
-                   box.store(one.name, one.data);
-                   return 0;
-               }) == 128 + SIGKILL;
-    }
-    // Starts again on what is left and checks the promise.
-    int check(const Cut &one) {
-        return run_in_child(
-            [&] {
-                Box box(one_chip(), {.dir = work_});
-                if (box.object == nullptr) return 1;
-                Files files = box.files();
-                // Whatever happened, a file can be stored, and it stays apart from all others.
-                EXPECT_EQ(box.store("later", pattern(20, 8)), 0);
-                Files after = box.files();
-                EXPECT_EQ(after["later"], pattern(20, 8));
-                after.erase("later");
-                EXPECT_EQ(after, files);
-                if (before().count(one.name) == 0 && files.count(one.name) != 0) {
-                    EXPECT_EQ(files[one.name], one.data) << "a new file is there as a whole or not at all";
-                }
-                for (const auto &[name, data] : before()) {
-                    if (name == one.name) continue;
-                    if (one.laid_out_anew && files.count(name) == 0) continue;  // not written back yet
-                    EXPECT_EQ(files[name], data) << name;
-                }
-                return 0;
-            },
-            20000);
-    }
-
-    std::string dir_;
-    std::string work_;
-};
-
-TEST_F(PowerCut, HarmsNothingButWhatIsStored) {
-    const Cut cuts[] = {
-        {"new file", "new", pattern(70, 5), false},
-        {"in place", "b", pattern(100, 6), false},
-        {"laid out anew", "b", pattern(200, 7), true},
-    };
-    int tried = 0;
-    for (const Cut &one : cuts) {
-        for (int at = 1; at < 200; ++at) {
-            // Before it, and in the middle of the head's word for the free area.
-            bool reached = false;
-            for (const int torn : {0, 13}) {
-                reached = cut(one, at, torn);
-                if (!reached) break;
-                ++tried;
-                EXPECT_EQ(check(one), 0) << one.what << ", cut at write " << at << " torn at " << torn;
-            }
-            if (!reached) break;
-        }
-    }
-    EXPECT_GT(tried, 90);
 }
 
 }  // namespace

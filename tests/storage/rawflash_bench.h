@@ -44,6 +44,7 @@ struct BoardKeys {
     std::string of_target;  // further keys of its table: "bad = [1]"
     std::string of_flash;
     bool has_flags = true;
+    std::string more_partitions{};
 };
 
 inline std::string raw_board(const Medium &medium, const BoardKeys &keys = {}) {

@@ -26,7 +26,7 @@ Content expected(const Medium &medium, Content old, const Content &data, uint64_
 }
 
 TEST_P(RawFlashOn, WritesItsPartitionAndNothingElse) {
-    const uint32_t block = GetParam().erase_bytes;
+    const size_t block = GetParam().erase_bytes;
     const struct {
         uint64_t offset;
         size_t bytes;
@@ -55,7 +55,7 @@ TEST_P(RawFlashOn, WritesItsPartitionAndNothingElse) {
 }
 
 TEST_P(RawFlashOn, ErasesBlocks) {
-    const uint32_t block = GetParam().erase_bytes;
+    const size_t block = GetParam().erase_bytes;
     FlashBench bench(GetParam());
     for (const int part : {kBefore, kTarget, kBehind}) bench.fill(part);
     bench.open();
@@ -76,7 +76,7 @@ TEST_P(RawFlashOn, ReadsAnyBytes) {
     const Content content = bench.all(kTarget);
     const uint64_t size = bench.part_bytes();
     const std::pair<uint64_t, size_t> cases[] = {
-        {0, size}, {1, 1}, {size - 1, 1}, {777, 2 * GetParam().erase_bytes}};
+        {0, size}, {1, 1}, {size - 1, 1}, {777, 2 * size_t{GetParam().erase_bytes}}};
     for (const auto &[offset, count] : cases) {
         const auto at = content.begin() + static_cast<ptrdiff_t>(offset);
         EXPECT_EQ(bench.read(bench.address(kTarget, offset), count),
@@ -89,7 +89,7 @@ TEST_P(RawFlashOn, RefusesWhatDoesNotFitBeforeItTouchesAnything) {
     for (const int part : {kBefore, kTarget, kBehind}) bench.fill(part);
     bench.open();
     RawFlash *const flash = bench.flash;
-    const uint32_t block = GetParam().erase_bytes;
+    const size_t block = GetParam().erase_bytes;
     const auto size = static_cast<uint32_t>(bench.part_bytes());
     Content data = pattern(size + 1, 1);
     const uint64_t target = bench.address(kTarget);
@@ -144,7 +144,7 @@ TEST_P(RawFlashOn, EndsBetweenPiecesWhenAnotherThreadAborts) {
     // An eMMC is written by the MiB and has to be larger for that.
     Medium medium = GetParam();
     if (medium.is_emmc()) medium.erase_bytes = 0x40000;
-    const uint32_t piece = medium.is_emmc() ? 1 << 20 : medium.erase_bytes;
+    const size_t piece = medium.is_emmc() ? 1 << 20 : medium.erase_bytes;
     FlashBench bench(medium);
     bench.open();
     Content data = pattern(2 * piece, 7);
@@ -200,7 +200,7 @@ TEST_P(RawFlashOn, KeepsTheAreaOfTheFpgaApart) {
     FlashBench bench(GetParam());
     bench.fill(kFlags);
     bench.open();
-    const Content data = pattern(2 * GetParam().erase_bytes, 3);
+    const Content data = pattern(2 * size_t{GetParam().erase_bytes}, 3);
     EXPECT_EQ(bench.flash->write64(bench.flash, bench.fpga_start(), data.data(),
                                    static_cast<uint32_t>(data.size())),
               0);
@@ -262,6 +262,18 @@ TEST_P(RawFlashOn, MarksTheUpgradeAndItsEnd) {
     bench.fill(kTarget);
     EXPECT_EQ(bench.write_partition(pattern(10, 1)), -1);
     EXPECT_TRUE(bench.is_filled(kTarget)) << "has to wait";
+}
+
+TEST(RawFlashAddress, BelongsToTheSmallestPartitionThatHoldsIt) {
+    BoardKeys keys;
+    keys.more_partitions =
+        "{ name = \"all\", offset = 0, size = " + std::to_string(6 * kBlocks * kNand.erase_bytes) + " }";
+    FlashBench bench(kNand, keys);
+    bench.mark("bad", kBefore, 0);  // moves what "all" has behind it
+    bench.open();
+    const Content data = pattern(100, 1);
+    EXPECT_EQ(bench.flash->write64(bench.flash, bench.address(kTarget), data.data(), 100), 0);
+    EXPECT_EQ(bench.bytes(kTarget, 0, 100), data);
 }
 
 TEST(RawFlashReferences, KeepTheObjectUntilTheLastGoes) {

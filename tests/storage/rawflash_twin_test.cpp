@@ -14,7 +14,7 @@
 namespace qel::test {
 namespace {
 
-constexpr uint32_t kSlaveBlock = 0x10000;
+constexpr size_t kSlaveBlock = 0x10000;
 constexpr uint32_t kKernelOfSlave = 0x80000;  // where the partition starts there
 constexpr uint32_t kKernelOfSlaveBytes = 0x280000;
 constexpr const char *kKernelNode = "/dev/mtd/3";

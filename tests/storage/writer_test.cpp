@@ -11,7 +11,7 @@
 namespace qel::test {
 namespace {
 
-constexpr uint32_t kBlock = 0x1000;  // of kNand
+constexpr size_t kBlock = 0x1000;  // of kNand
 constexpr const char *kTargetNode = "/dev/mtd/1";
 
 Content part_of(const Content &content, size_t at, size_t count) {
@@ -243,14 +243,14 @@ protected:
     }
     // New up to some block, one block in between, and as it was from there on.
     void check_target(FlashBench &bench) {
-        const uint32_t unit = medium().erase_bytes;
+        const size_t unit = medium().erase_bytes;
         const Content old = pattern(bench.part_bytes(), 100 + kTarget);
         const Content now = bench.all(kTarget);
         Content written = data();
         written.resize(2 * unit, 0xFF);
         uint32_t block = 0;
         while (block < 2 && part_of(now, block * unit, unit) == part_of(written, block * unit, unit)) ++block;
-        const uint32_t behind = (block < 2 ? block + 1 : block) * unit;
+        const size_t behind = (block < 2 ? block + 1 : block) * unit;
         if (medium().is_emmc()) return check_emmc_target(now, old, written);
         EXPECT_EQ(part_of(now, behind, now.size() - behind), part_of(old, behind, now.size() - behind));
     }

@@ -14,7 +14,15 @@ namespace {
 
 using nlohmann::json;
 
-enum Exit { kOk = 0, kFailed = 1, kUsage = 2, kNoLibrary = 3, kNoAnswer = 4, kNoOutput = 5 };
+enum Exit {
+    kOk = 0,
+    kFailed = 1,
+    kUsage = 2,
+    kNoLibrary = 3,
+    kNoAnswer = 4,
+    kNoOutput = 5,
+    kInterrupted = 6
+};
 
 bool holds(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
@@ -279,6 +287,9 @@ TEST(Qelctl, CompletesVerbsOptionsAndNames) {
         {"qelctl info --ti", "--timeout"},
         {"qelctl properties --chip ", ""},
         {"qelctl comp", ""},
+        {"qelctl upgrade-state cl", "clear"},
+        {"qelctl flash write a b --y", "--yes"},
+        {"qelctl flash read --progress j", "json"},
     };
     for (const auto &[line, expected] : cases) {
         std::string words = line;
@@ -293,13 +304,16 @@ TEST(Qelctl, CompletesVerbsOptionsAndNames) {
 TEST(Qelctl, HelpAndManualListTheSameVerbsAndExitCodes) {
     const std::string help = run("qelctl --help").out;
     const std::string manual = run("qelctl manual").out;
-    for (const char *verb : {"info", "properties", "channels", "version"}) {
+    for (const char *verb :
+         {"info", "properties", "channels", "env", "eeprom", "flash", "upgrade-state", "kv", "version"}) {
         EXPECT_TRUE(holds(help, std::string("\n  ") + verb + " ")) << verb;
-        EXPECT_TRUE(holds(manual, std::string(".SS \"qelctl ") + verb + "\"\n")) << verb;
+        std::string in_roff = verb;
+        if (const size_t dash = in_roff.find('-'); dash != std::string::npos) in_roff.insert(dash, "\\");
+        EXPECT_TRUE(holds(manual, ".SS \"qelctl " + in_roff + "\"\n")) << verb;
         EXPECT_TRUE(holds(run(std::string("qelctl ") + verb + " --help").out, "Examples:\n  qelctl "))
             << verb;
     }
-    for (int code = kOk; code <= kNoOutput; ++code) {
+    for (int code = kOk; code <= kInterrupted; ++code) {
         EXPECT_TRUE(holds(help, "\n  " + std::to_string(code) + "   ")) << code;
         EXPECT_TRUE(holds(manual, "\n.B " + std::to_string(code) + "\n")) << code;
     }

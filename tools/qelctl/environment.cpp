@@ -18,13 +18,6 @@
 #include "tools/qelctl/table.h"
 #include "tools/qelctl/verb.h"
 
-extern "C" {
-int getBootParameter(const char *name, char *value, int size);
-int setBootParameter(const char *name, const char *value);
-int QEL_delBootParameter(const char *name);
-int getBootParameterByChn(unsigned logChn, const char *name, char *value, int size);
-}
-
 namespace qelctl {
 
 namespace {

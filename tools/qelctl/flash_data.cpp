@@ -159,6 +159,8 @@ void show_blocks(Session &session, const DataChoice &choice) {
 // ---- read ----
 
 void read_flash(Session &session, const DataChoice &choice) {
+    if (choice.json && choice.file == "-")
+        throw Failure(ExitCode::kUsage, "with --json, name a file for what is read.");
     const Library &library = session.library();
     const Target target = find_target(library, choice.name);
     const uint64_t usable = target.usable_bytes();

@@ -117,8 +117,13 @@ void set_values(Session &session, const KeyValueChoice &choice) {
     if (!choice.json) return;
     ordered_json document;
     document["file"] = choice.file;
-    document["saved"] = ordered_json::object();
-    for (const KeyValueRecord &record : records) document["saved"][record.key] = record.value;
+    document["saved"] = ordered_json::array();
+    for (const KeyValueRecord &record : records) {
+        ordered_json entry;
+        entry["key"] = record.key;
+        entry["value"] = record.value;
+        document["saved"].push_back(entry);
+    }
     print_json(document);
 }
 
