@@ -18,6 +18,7 @@ namespace {
 
 constexpr char kMagic[16] = "qelboard flash1";
 constexpr mode_t kFileMode = 0644;
+constexpr size_t kTurnedBytes = 0x10000;  // turned round at once
 
 [[noreturn]] void fail(const std::string &path) {
     throw std::system_error(errno, std::generic_category(), path);
@@ -131,7 +132,7 @@ bool FlashMedium::read(uint64_t at, std::span<uint8_t> out) const {
 }
 
 bool FlashMedium::write(uint64_t at, Bytes bytes) {
-    std::array<uint8_t, 64 * 1024> turned;
+    std::array<uint8_t, kTurnedBytes> turned;
     while (!bytes.empty()) {
         const size_t piece = std::min(bytes.size(), turned.size());
         turn_round(bytes.data(), turned.data(), piece);
