@@ -3,8 +3,8 @@
 
 declare -rA packages=(
     [build]="g++ make cmake ninja-build pkg-config nlohmann-json3-dev libcli11-dev libtomlplusplus-dev zlib1g-dev"
-    [test]="libgtest-dev"
-    [bench]="libbenchmark-dev"
+    [test]="libgtest-dev u-boot-tools libubootenv-tool"
+    [bench]="libbenchmark-dev libubootenv-dev"
     [clang]="clang-14 libclang-rt-14-dev"
     [lint]="clang-tidy-14 clang-format-14 shellcheck"
     [arm]="g++-arm-linux-gnueabihf qemu-user"

@@ -18,6 +18,7 @@ namespace {
 
 constexpr char kMagic[16] = "qelboard flash1";
 constexpr mode_t kFileMode = 0644;
+constexpr size_t kTurnedBytes = 0x10000;  // turned round at once
 
 [[noreturn]] void fail(const std::string &path) {
     throw std::system_error(errno, std::generic_category(), path);
@@ -53,6 +54,7 @@ FlashMedium::FlashMedium(const std::string &dir, const Shape &shape) : shape_(sh
         open_content(dir + "/content");
     } catch (...) {
         ::munmap(head_, mapped_bytes_);
+        if (fd_ >= 0) ::close(fd_);
         throw;
     }
     if (is_new_) start_over();
@@ -72,17 +74,16 @@ void FlashMedium::map_blocks(const std::string &path) {
     struct stat info {};
     ::fstat(fd, &info);
     // With room on the host for all of it: a page of the mapping that finds none would kill the process.
-    const bool has_room =
-        info.st_size != 0 || ::posix_fallocate(fd, 0, static_cast<off_t>(mapped_bytes_)) == 0;
-    void *mapped = MAP_FAILED;
+    int error = info.st_size == 0 ? ::posix_fallocate(fd, 0, static_cast<off_t>(mapped_bytes_)) : 0;
     const bool right_size = info.st_size == 0 || info.st_size == static_cast<off_t>(mapped_bytes_);
-    if (has_room && right_size)
+    void *mapped = MAP_FAILED;
+    if (error == 0 && right_size) {
         mapped = ::mmap(nullptr, mapped_bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    const int error = errno;
+        if (mapped == MAP_FAILED) error = errno;
+    }
     ::close(fd);
-    errno = error;
     if (!right_size) throw std::runtime_error(path + ": the flash kept there is of another size");
-    if (mapped == MAP_FAILED) fail(path);
+    if (error != 0) throw std::system_error(error, std::generic_category(), path);
     head_ = static_cast<Head *>(mapped);
     erases_ = reinterpret_cast<uint32_t *>(head_ + 1);
     marks_ = reinterpret_cast<uint8_t *>(erases_ + blocks);
@@ -131,7 +132,7 @@ bool FlashMedium::read(uint64_t at, std::span<uint8_t> out) const {
 }
 
 bool FlashMedium::write(uint64_t at, Bytes bytes) {
-    std::array<uint8_t, 64 * 1024> turned;
+    std::array<uint8_t, kTurnedBytes> turned;
     while (!bytes.empty()) {
         const size_t piece = std::min(bytes.size(), turned.size());
         turn_round(bytes.data(), turned.data(), piece);

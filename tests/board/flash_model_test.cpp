@@ -32,9 +32,9 @@ constexpr uint32_t kErase = 0x40084D02;
 constexpr uint32_t kGetBadBlock = 0x40084D0B;
 constexpr uint32_t kSetBadBlock = 0x40084D0C;
 
-constexpr uint32_t kBlock = 0x1000;
-constexpr uint32_t kPage = 0x200;
-constexpr uint32_t kSize = 8 * kBlock;  // of partition "data", behind one of two blocks
+constexpr int64_t kBlock = 0x1000;
+constexpr int64_t kPage = 0x200;
+constexpr int64_t kSize = 8 * kBlock;  // of partition "data", behind one of two blocks
 
 Content pattern(size_t count, uint8_t seed = 1) {
     Content bytes(count);
@@ -379,7 +379,7 @@ TEST(PartitionModel, FillsInAsManyRecordsAsThereIsRoomFor) {
     EXPECT_EQ(ops().ioctl(fd, kPartitions64, nullptr), -EFAULT);
     uint64_t total = 0;
     EXPECT_EQ(ops().ioctl(fd, 0xC0045802, &total), 0);
-    EXPECT_EQ(total, 10u * kBlock);
+    EXPECT_EQ(total, uint64_t{10} * kBlock);
     uint32_t start = 0;
     EXPECT_EQ(ops().ioctl(fd, 0xC0045801, &start), -ENOTTY) << "where the board does not say";
 }

@@ -181,7 +181,8 @@ std::vector<int> torn_bytes(int end, int step) {
 
 Content filling(size_t count, unsigned seed) {
     Content out(count);
-    for (size_t i = 0; i < count; ++i) out[i] = static_cast<uint8_t>(seed * 37 + i * 11 + i / 256 + 1);
+    for (size_t i = 0; i < count; ++i)
+        out[i] = static_cast<uint8_t>(size_t{37} * seed + i * 11 + i / 256 + 1);
     return out;
 }
 

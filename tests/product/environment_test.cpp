@@ -14,6 +14,7 @@
 #include "board/core/chip.h"
 #include "qel/qel.h"
 #include "tests/product/environment_media.h"
+#include "tests/storage/flash_bench.h"
 #include "tests/support/library.h"
 
 namespace qel::test {
@@ -308,6 +309,27 @@ TEST(Environment, GoesOnWithTheKeysItHas) {
     EXPECT_TRUE(camera.log.contains("): ENV_fileInit fail\n"));
     EXPECT_EQ(camera.set("a", "1"), 0);
     EXPECT_EQ(camera.get("a"), "1");
+}
+
+TEST(Environment, NeedsAPartitionOfItsSize) {
+    struct Case {
+        const char *partition;
+        std::string keys, told;
+    };
+    const std::string end = "Get EnvPlatInfo  Failed Fail to init env resource!";
+    const Case cases[] = {
+        {"hwide", "", "get hwid pation flash info error!\n"},
+        {"hwid", "size = 0xC000\n", "Fail to read env partition!"},  // less than a block
+    };
+    for (const Case &c : cases) {
+        Printed printed;
+        Camera camera(flash_board("", {{c.partition, c.keys}}));
+        const std::string text = printed.take();
+        EXPECT_EQ(text.rfind(c.told, 0), 0u) << text;
+        EXPECT_TRUE(text.ends_with(end)) << text;
+        EXPECT_EQ(camera.set("a", "1"), -1);
+        EXPECT_EQ(camera.del("a"), -1);
+    }
 }
 
 // ---- other chips ----

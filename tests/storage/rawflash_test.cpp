@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "platform/include/osa.h"
+#include "tests/storage/cramfs_image.h"
 #include "tests/storage/rawflash_bench.h"
 
 namespace qel::test {
@@ -274,6 +275,24 @@ TEST(RawFlashAddress, BelongsToTheSmallestPartitionThatHoldsIt) {
     const Content data = pattern(100, 1);
     EXPECT_EQ(bench.flash->write64(bench.flash, bench.address(kTarget), data.data(), 100), 0);
     EXPECT_EQ(bench.bytes(kTarget, 0, 100), data);
+}
+
+TEST(RawFlashDescription, IsBroughtToTheOtherCopy) {
+    FlashBench bench(kNor);
+    bench.fill(kTarget);
+    bench.open();
+    char line[128];
+    snprintf(line, sizeof line, "partition, 0, 0x%08llx, 0x0000c000, R, , , , 0x%08llx\n",
+             static_cast<unsigned long long>(bench.address(kTarget)),
+             static_cast<unsigned long long>(bench.address(kCopy)));
+    const ImageFolder folder;
+    folder.put("partitionV3.txt", line);
+    const Content image = folder.make();
+    const auto bytes = static_cast<uint32_t>(image.size());
+    EXPECT_EQ(CALL(*bench.library, Flash_flushPart)(nullptr, image.data(), bytes), -1);
+    EXPECT_EQ(CALL(*bench.library, Flash_flushPart)(bench.flash, image.data(), bytes), 0) << bench.log.all();
+    EXPECT_EQ(bench.bytes(kCopy, 0, bytes), image);
+    EXPECT_TRUE(bench.is_filled(kTarget));
 }
 
 TEST(RawFlashReferences, KeepTheObjectUntilTheLastGoes) {

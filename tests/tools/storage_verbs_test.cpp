@@ -153,7 +153,7 @@ TEST(FlashVerbs, WriteReadAndEraseOnEveryMedium) {
 
 TEST(FlashVerbs, StepOverBadBlocksAndDrawThem) {
     const Unit unit("nand-backup");
-    unit.file("image", noise(3 * 0x20000));
+    unit.file("image", noise(0x60000));
     unit.text("qelctl flash write romfs image --yes");
     const json romfs = unit.document("qelctl flash blocks romfs", "blocks")["partitions"][0];
     EXPECT_EQ(romfs["bad"], json::array({0, 17, 18, 159}));
@@ -184,7 +184,7 @@ TEST(FlashVerbs, RefuseWhatDoesNotFitBeforeAnythingIsTouched) {
 
 TEST(FlashVerbs, EndBetweenTwoBlocksWhenInterrupted) {
     const Unit unit("nand-backup");
-    unit.file("image", noise(20 * 0x20000));
+    unit.file("image", noise(0x280000));
     const Outcome outcome = unit.sh(
         "qelctl flash write romfs image --yes --progress json 2>told & writer=$!\n"
         "until grep -q done_bytes told; do sleep 0.02; done\n"
@@ -306,9 +306,7 @@ TEST(StorageVerbs, WantYesWhereNobodyCanBeAskedAndRefuseWrongUse) {
         {"flash nope", "there is no verb nope.\nSee qelctl flash --help.\n"},
         {"eeprom ls --chip 8", "See qelctl eeprom ls --help."},
         {"eeprom put -", "needs a --name"},
-        {"eeprom put x --name "
-         "1234567890123456789012345678901234567890",
-         "1 to 39 characters"},
+        {"eeprom put x --name 1234567890123456789012345678901234567890", "1 to 39 characters"},
         {"flash read a --json", "name a file"},
         {"flash read a b --progress often", "See qelctl flash read --help."},
         {"kv set f a", "a is no KEY=NUMBER"},
