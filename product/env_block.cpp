@@ -16,6 +16,7 @@ namespace {
 constexpr uint64_t kUsualBytes = 0x20000;
 constexpr uint64_t kWholePartition = 0;
 constexpr int kReversedBoardType = 18;
+constexpr char kErasedCharacter = '\xFF';
 
 // Numbers below 128.
 class Numbers {
@@ -78,6 +79,9 @@ public:
         return length_ > name_length && text()[name_length] == '=' && memcmp(text(), name, name_length) == 0;
     }
 
+    // Flash whose power went while it was erased: what follows is what is left of a parameter.
+    bool is_erased() const { return text()[0] == kErasedCharacter; }
+
 private:
     ConstBlock block_;
     size_t at_;
@@ -125,7 +129,9 @@ Value find(ConstBlock block, const char *name) {
     return {};
 }
 
-bool is_name(const char *name) { return name[0] != '\0' && strchr(name, '=') == nullptr; }
+bool is_name(const char *name) {
+    return name[0] != '\0' && name[0] != kErasedCharacter && strchr(name, '=') == nullptr;
+}
 
 ListEnd find_end(ConstBlock block) {
     Walk walk(block);
@@ -138,7 +144,7 @@ void remove(Block block, const char *name) {
     const size_t name_length = strlen(name);
     size_t kept = kCrcBytes;
     for (Walk walk(block); walk.next();) {
-        if (walk.is(name, name_length)) continue;
+        if (walk.is(name, name_length) || walk.is_erased()) continue;
         // Never in front of where the walk is: it goes on behind what was moved.
         memmove(block.data() + kept, block.data() + walk.at(), walk.length());
         kept += walk.length();

@@ -36,7 +36,7 @@ struct Value {
 // The first entry of that name.
 Value find(ConstBlock block, const char *name);
 
-bool is_name(const char *name);  // not empty, without "="
+bool is_name(const char *name);  // not empty, without "=", begins with no erased byte (0xFF)
 
 // Where the list ends: behind its last entry, in front of its own zero byte.
 struct ListEnd {
@@ -46,7 +46,8 @@ struct ListEnd {
 ListEnd find_end(ConstBlock block);
 // Bytes of the entries with their terminators.
 inline size_t bytes_in_use(ConstBlock block) { return find_end(block).at - kCrcBytes; }
-// Drops all entries of that name; the rest of the block is zero afterwards.
+// Drops all entries of that name and what an erase left in front of the others; the rest of the block is
+// zero afterwards.
 void remove(Block block, const char *name);
 // False, and no change, where there is no room. `name` must not be there.
 bool append(Block block, const char *name, const char *value);

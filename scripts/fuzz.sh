@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# fuzz.sh SECONDS - runs every fuzz target for that long; what it finds stays in build/fuzz/findings.
+# fuzz.sh LIMIT - runs every fuzz target up to that limit of libFuzzer, for example -max_total_time=30 or
+# -runs=10000; what it finds stays in build/fuzz/findings.
 set -euo pipefail
-readonly seconds=$1
+readonly limit=$1
 shopt -s nullglob
 targets=(build/fuzz/bin/fuzz-*)
 if [[ ${#targets[@]} -eq 0 ]]; then
-    echo "no fuzz targets yet"
-    exit 0
+    echo "no fuzz targets are built"
+    exit 1
 fi
 failed=0
 for target in "${targets[@]}"; do
@@ -16,7 +17,7 @@ for target in "${targets[@]}"; do
     seeds=(fuzz/corpus/"$name"/)
     mkdir -p "$work" "$findings"
     log=build/fuzz/$name.log
-    if "$target" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$findings/" \
+    if "$target" "$limit" -print_final_stats=1 -artifact_prefix="$findings/" \
         "$work" "${seeds[@]}" >"$log" 2>&1; then
         echo "$name: $(sed -n 's/^stat::number_of_executed_units: *//p' "$log") inputs, nothing found"
     else

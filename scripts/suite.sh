@@ -83,8 +83,13 @@ suite_arm() { # 32-bit ARM: every test but those that emulation cannot run
     run_tests armhf
 }
 
+suite_fuzz() { # every fuzz target, from its seeds on, for a short fixed count of inputs
+    build fuzz fuzz_targets
+    check "fuzz targets" bash scripts/fuzz.sh -runs=20000
+}
+
 suite_tidy() { # clang with its thread-safety analysis, and clang-tidy, over every source
-    configure clang
+    cmake --preset clang  # sources may have come or gone, and nothing is built that would notice
     check "clang-tidy" bash tests/checks/tidy.sh build/clang
 }
 

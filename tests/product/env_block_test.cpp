@@ -90,6 +90,10 @@ TEST(EnvBlock, RemovingMovesTheRestDown) {
     remove(block, "c");
     remove(block, "b");
     EXPECT_EQ(block, block_of(""));
+    Octets torn = block_of("\xFF\xFF\xFFlue=3\0b=22\0"_z);
+    EXPECT_EQ(value_of(torn, "\xFF\xFF\xFFlue"), "none");
+    remove(torn, "none");
+    EXPECT_EQ(torn, block_of("b=22\0"_z)) << "what was torn while it was erased goes";
 }
 
 TEST(EnvBlock, AppendingStopsWhereTheListsEndWouldNotFit) {
