@@ -70,6 +70,14 @@ suite_asan() { # every test with the address and undefined-behaviour sanitizers
     run_tests asan
 }
 
+suite_cuts() { # the power goes in the middle of every device write, as docs/power-cuts.md tells
+    build cuts powercut_test storage_writer_test
+    local output=build/log/cuts-output.log
+    run_tests cuts | tee "$output"
+    awk '/power cuts/ { for (i = 1; i <= NF; ++i) if ($i + 0 > 0) { sum += $i; break } }
+        END { print "says", sum + 0, "power cuts tried" }' "$output" >>"$results"
+}
+
 suite_tsan() { # the tests of concurrency with the thread sanitizer
     build tsan concurrency_tests
     # Some kernels place mappings where the thread sanitizer of this compiler does not expect them.

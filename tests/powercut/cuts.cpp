@@ -23,7 +23,7 @@ constexpr int kMostWrites = 5000;
 constexpr int kMostFailures = 5;
 // Sanitizers look for other faults, and take several times as long: some of the writes will do.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kEveryNth = 7;
+constexpr int kEveryNth = 49;
 #else
 constexpr int kEveryNth = 1;
 #endif
