@@ -6,7 +6,7 @@ set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 # Everything C++ here comes from one compiler: how GCC 7 changed its calls concerns nobody.
-set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi -Wno-restrict)
 
 set(QEL_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf CACHE PATH "Root of the armhf packages")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES QEL_SYSROOT)

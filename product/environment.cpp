@@ -63,10 +63,8 @@ std::atomic_ref<uint32_t> first_word() {
     return std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t *>(state.segment));
 }
 
-void mark(uint32_t what) {
-    first_word().store(what);
-    std::atomic_thread_fence(std::memory_order_seq_cst);  // nothing behind it moves in front
-}
+// Nothing that follows moves in front of it.
+void mark(uint32_t what) { first_word().exchange(what); }
 
 // Replaces the list of the shared copy; behind a list it is zero.
 void publish(ConstBlock list) {
