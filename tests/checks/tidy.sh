@@ -50,11 +50,11 @@ check_one() {
     # A unit is made of includes of sources: what looks odd elsewhere.
     [[ $source != */Unity/* ]] || options=(--checks=-bugprone-suspicious-include)
     if clang-tidy-14 --quiet "${options[@]}" -p "$build" "$source" 2>"$mark.err"; then
-        rm "$mark.err"
+        rm -f "$mark.err"
         touch "$mark"
     else
         grep -v 'warnings\? generated' "$mark.err" >&2 || true
-        rm "$mark.err"
+        rm -f "$mark.err"
         return 1
     fi
 }

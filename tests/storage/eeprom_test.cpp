@@ -422,7 +422,7 @@ TEST(RawEeprom, ReadsNoByteTwiceAndWritesNoMoreThanTheFormatAsks) {
     traffic = traffic_of(box, [&] { box.store("b", pattern(200, 5)); });
     EXPECT_EQ(traffic.read_bytes, 3 * kHeader + 200 + kHead)
         << "laid out anew: headers, the others' data, the new head";
-    EXPECT_EQ(traffic.written_bytes, 2 * kHead + 3 * (kHeader + commit) + 400);
+    EXPECT_EQ(traffic.written_bytes, size_t{2} * kHead + size_t{3} * (kHeader + commit) + 400);
     EXPECT_LE(traffic.twice_bytes, kHead) << "only the head is read back";
 
     traffic = traffic_of(box, [&] { box.files(); });

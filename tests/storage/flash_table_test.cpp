@@ -287,7 +287,7 @@ TEST(BackupSigns, ComeFromTheFlashOnceAndFromTheFileThen) {
 
 TEST(BackupSigns, AreReadWhereTheBootLoaderLeftThem) {
     Unit unit(flash_board("can_switch = 1", kWithFlags));
-    unit.set_byte("/dev/mtd/1", 4 * 0x200, 1);          // block 0, page 4
+    unit.set_byte("/dev/mtd/1", 0x800, 1);              // block 0, page 4
     unit.set_byte("/dev/mtd/1", 0x4000 + 0x200, 0x42);  // block 1, page 1
     std::remove(unit.host_path("/tmp/backupsign").c_str());
     unit.reload();

@@ -69,7 +69,7 @@ inline std::string raw_board(const Medium &medium, const BoardKeys &keys = {}) {
 inline Content pattern(size_t bytes, unsigned seed) {
     Content out(bytes);
     for (size_t i = 0; i < bytes; ++i)
-        out[i] = static_cast<uint8_t>(seed * 41 + i * 7 + (i >> 8) * 13 + (i >> 16) * 5);
+        out[i] = static_cast<uint8_t>(size_t{41} * seed + i * 7 + (i >> 8) * 13 + (i >> 16) * 5);
     return out;
 }
 
