@@ -86,7 +86,8 @@ public:
 // `count` bytes that differ from file to file and from byte to byte.
 inline Bytes pattern(size_t count, unsigned seed) {
     Bytes out(count);
-    for (size_t i = 0; i < count; ++i) out[i] = static_cast<uint8_t>(size_t{37} * seed + i * 11 + i / 256 + 1);
+    for (size_t i = 0; i < count; ++i)
+        out[i] = static_cast<uint8_t>(size_t{37} * seed + i * 11 + i / 256 + 1);
     return out;
 }
 
