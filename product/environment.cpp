@@ -245,8 +245,9 @@ int make_keys() {
     return 0;
 }
 
-// The semaphore and the segment themselves stay for the other processes.
-__attribute__((destructor)) void clean_up() {
+// The semaphore and the segment themselves stay for the other processes. Of all that runs as the library
+// goes this is the last: the shut-down chain still serves other chips.
+__attribute__((destructor(101))) void clean_up() {
     detach();
     if (state.semaphore != nullptr) OSA_ipcSemClose(&state.semaphore);
     state = {};
