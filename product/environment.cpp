@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "frame/log.h"
+#include "frame/unload.h"
 #include "os/os.h"
 #include "product/env_flash.h"
 #include "product/hwid_store.h"
@@ -245,9 +246,8 @@ int make_keys() {
     return 0;
 }
 
-// The semaphore and the segment themselves stay for the other processes. Of all that runs as the library
-// goes this is the last: the shut-down chain still serves other chips.
-__attribute__((destructor(101))) void clean_up() {
+// The semaphore and the segment themselves stay for the other processes.
+QEL_AT_UNLOAD void clean_up() {
     detach();
     if (state.semaphore != nullptr) OSA_ipcSemClose(&state.semaphore);
     state = {};

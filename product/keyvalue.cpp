@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "frame/log.h"
+#include "frame/unload.h"
 #include "os/os.h"
 #include "product/keyvalue_text.h"
 #include "qel/product.h"
@@ -46,7 +47,7 @@ public:
     TextLock &operator=(const TextLock &) = delete;
 };
 
-__attribute__((destructor)) void delete_mutex_at_unload() {
+QEL_AT_UNLOAD void delete_mutex_at_unload() {
     OSA_MutexHandle mutex = state.mutex.exchange(nullptr);
     if (mutex != nullptr) OSA_mutexDelete(&mutex);
 }

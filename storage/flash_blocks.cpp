@@ -6,6 +6,7 @@
 
 #include "frame/log.h"
 #include "frame/mutex.h"
+#include "frame/unload.h"
 #include "os/os.h"
 #include "storage/flash.h"
 
@@ -98,7 +99,7 @@ int create(int fd, int index, Build when, bool keep) {
 
 // Unloading the library takes the tables along. They outlive QEL_flashDeinit, which may be called
 // while somebody still works with them.
-__attribute__((destructor)) void free_at_unload() {
+QEL_AT_UNLOAD void free_at_unload() {
     for (Access &access : state.partitions) free_blocks(access);
 }
 

@@ -3,6 +3,7 @@
 
 #include "frame/log.h"
 #include "frame/mutex.h"
+#include "frame/unload.h"
 #include "os/os.h"
 #include "product/hwid_store.h"
 #include "qel/product.h"
@@ -48,7 +49,7 @@ void give_back() QEL_THREAD_ATTRIBUTE(no_thread_safety_analysis) {
 
 // The semaphore itself stays for the other processes. QEL_flashDeinit leaves the handle alone: a
 // raw flash object may still be in use.
-__attribute__((destructor)) void close_at_unload() {
+QEL_AT_UNLOAD void close_at_unload() {
     if (state.semaphore != nullptr) OSA_ipcSemClose(&state.semaphore);
     state.threads.destroy();
 }
