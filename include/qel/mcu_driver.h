@@ -50,20 +50,6 @@ struct qec_mcu_time {
     uint32_t hour, minute, second;
 };
 
-/* The serial channels behind the microcontroller. Two ends of the same number are one line. */
-#define QEC_MCU_UART_CHANNELS 8u
-#define QEC_MCU_UART_BYTES_MAX 248u
-struct qec_mcu_uart_config {
-    uint32_t channel;
-    uint32_t baud;
-    uint8_t data_bits, parity, stop_bits, flow; /* as in ComAttribute */
-};
-struct qec_mcu_uart {
-    uint32_t channel;
-    uint32_t bytes; /* send: in data; get: out, 0 = nothing waits */
-    uint8_t data[QEC_MCU_UART_BYTES_MAX];
-};
-
 struct qec_mcu_can {
     uint32_t id;
     uint32_t bytes; /* 0 to 8 */
@@ -128,8 +114,8 @@ struct qec_mcu_event {
 #define QEC_MCU_SET_TIME 0xC0044D01u         /* struct qec_mcu_time */
 #define QEC_MCU_HEATER_TEST 0xC0044D02u      /* u32: 1 = heat, 0 = stop */
 #define QEC_MCU_SHUTDOWN_HOST 0xC0044D09u    /* no record: cuts the host's power */
-#define QEC_MCU_UART_CFG 0xC0044D0Au         /* struct qec_mcu_uart_config */
-#define QEC_MCU_UART_SEND 0xC0044D0Bu        /* struct qec_mcu_uart */
+#define QEC_MCU_UART_CFG 0xC0044D0Au         /* struct qel_mcu_uart_config (serial_driver.h) */
+#define QEC_MCU_UART_SEND 0xC0044D0Bu        /* struct qel_mcu_uart (serial_driver.h) */
 #define QEC_MCU_CAN_SEND 0xC0044D0Du         /* struct qec_mcu_can */
 #define QEC_MCU_RESET_MCU 0xC0044D11u        /* i32, -1 = everything */
 #define QEC_MCU_CTRL_POWERSWITCH 0xC0044D16u /* struct qec_mcu_power_switch */
@@ -145,7 +131,7 @@ struct qec_mcu_event {
 
 #define QEC_MCU_FACEBOARD_STATE 0xC0044D03u /* u32: 1 = the front panel is there */
 #define QEC_MCU_KEY_STATE 0xC0044D04u       /* u32: a bit per pressed key */
-#define QEC_MCU_UART_GET 0xC0044D0Cu        /* struct qec_mcu_uart */
+#define QEC_MCU_UART_GET 0xC0044D0Cu        /* struct qel_mcu_uart (serial_driver.h) */
 #define QEC_MCU_CAN_GET 0xC0044D0Eu         /* struct qec_mcu_can, out; returns 1, or 0 when none waits */
 #define QEC_MCU_REST_IP 0xC0044D0Fu         /* u32: 1 = the button for the default address was held */
 #define QEC_MCU_GET_VER 0xC0044D12u         /* QEC_MCU_VERSION_BYTES */
