@@ -10,6 +10,7 @@
 
 #include "board/core/description.h"
 #include "board/core/device.h"
+#include "board/core/runner.h"
 #include "board/core/tree.h"
 
 namespace qel::board {
@@ -32,6 +33,8 @@ public:
     virtual void misuse(const std::string &text) = 0;
     virtual void event(const std::string &text) = 0;
     virtual size_t medium_write(const Node &node, size_t bytes) = 0;
+    virtual void add_runner(Runner &runner) = 0;
+    virtual void wake_runners() = 0;
 };
 
 class Chip {
@@ -68,6 +71,10 @@ public:
     // A model calls it before it changes what outlives a power cut: how many of the bytes, from the
     // start, reach the medium. Fewer than asked when the power is cut here; then finish and return.
     size_t medium_write(const Device &device, size_t bytes);
+    // From the device's constructor, for one that lives as long as the board: see runner.h. Nothing runs
+    // before the first wake_runners(); later calls make it run soon.
+    void add_runner(Runner &runner) { host_.add_runner(runner); }
+    void wake_runners() { host_.wake_runners(); }
 
     // How the machine answers what is recorded only ([chip.machine]).
     struct Machine {

@@ -7,6 +7,7 @@
 
 #include "board/core/board.h"
 #include "board/core/lock.h"
+#include "board/core/pump.h"
 #include "board/core/unit.h"
 #include "board/core/workplace.h"
 
@@ -25,6 +26,7 @@ struct Board::Impl {
     const uint32_t ipc_salt;
     Mutex mutex;
     Unit unit QEL_GUARDED_BY(mutex);
+    Pump pump;  // ends before the unit does
     std::function<void(uint32_t)> on_ready QEL_GUARDED_BY(mutex);
     std::function<void()> on_changed QEL_GUARDED_BY(mutex);
     // Descriptors of devices that this process opened on its own board.
