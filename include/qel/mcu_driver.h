@@ -161,6 +161,6 @@ struct qec_mcu_event {
 /* ---- requests of "/dev/qecMisc" that concern the microcontroller ---- */
 
 #define QEL_MISC_GET_MCU_CAPS 0xC0044D34u  /* u32 out: the second word of the capabilities */
-#define QEL_MISC_NOTE_MCU_CAPS 0xC0044D44u /* u32 in: the word just answered, 0 where there is none */
+#define QEL_MISC_MCU_CAPS_READ 0xC0044D44u /* no record: they have been read */
 
 #endif
