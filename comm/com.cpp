@@ -6,8 +6,8 @@
 #include <cstdio>
 
 #include "comm/com_attribute.h"
+#include "comm/com_board.h"
 #include "comm/com_console.h"
-#include "comm/com_name.h"
 #include "comm/com_slot.h"
 #include "comm/com_tty.h"
 #include "frame/log.h"
@@ -37,11 +37,6 @@ bool is_raw(ComObject &com) {
 void set_raw_mark(ComObject &com, bool raw) {
     const MutexLock lock(slots_mutex);
     com.raw = raw;
-}
-
-int turn_round(uint32_t port, uint32_t state) {
-    if (product::is_of_family(product::Family::kHardwareRs485Direction)) return 0;
-    return QEL_485SetCtl(port, state);
 }
 
 // ---- settings ----
@@ -113,13 +108,13 @@ int start_line(const char *function, ComObject &com, int opened) QEL_REQUIRES(co
     os::Fd fd(opened);
     if (make_raw("QEL_TtyRaw", com, fd.get()) != 0) QEL_ERROR_SHORT("tty_raw error!!\n");
     if (com.port == kConsolePort) take_from_console(com, fd.get());
-    const SetDirection direction = is_half_duplex(com) ? turn_round : nullptr;
+    const SetDirection direction = is_half_duplex(com) ? turn_line_round : nullptr;
     if (direction != nullptr && direction(com.port, kReceive) != 0) {
         QEL_ERROR_AS(function, " \n");
         leave_line(com, fd.get());
         return OSA_EFAIL;
     }
-    if (attach(com, {fd.get(), direction, polls_line_status()}) != 0) {
+    if (attach(com, {fd.get(), direction, board_polls_line_status()}) != 0) {
         QEL_ERROR_AS(function, "malloc(sizeof(OpenLine))\n");
         leave_line(com, fd.get());
         return OSA_EFAIL;

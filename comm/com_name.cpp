@@ -3,18 +3,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "comm/port_map.h"
-#include "product/hwid_store.h"
-#include "product/product_data.h"
-#include "qel/product.h"
-
 namespace qel::comm {
 
 namespace {
-
-constexpr int kSecondPortRule = 20;  // the property
-constexpr unsigned kNonblockingPorts = 2;
-constexpr unsigned kManyNonblockingPorts = 5;
 
 constexpr int kExpansionBoards[] = {9, 12, 15, 16};
 constexpr int kAmbaBoard = 27;
@@ -40,11 +31,6 @@ uint32_t crossed_number(const NameFacts &facts) {
     return facts.port == second_tty_port ? 2 : facts.port;
 }
 
-unsigned own_uarts() {
-    if (product::is_of_family(product::Family::kSixOwnUarts)) return 6;
-    return product::is_of_family(product::Family::kThreeOwnUarts) ? 3 : 2;
-}
-
 }  // namespace
 
 TtyName tty_name(const NameFacts &facts) {
@@ -65,33 +51,6 @@ TtyName tty_name(const NameFacts &facts) {
 
 bool polls_line_status(int board_type, int category) {
     return category == kStatusCategory || is_one_of(kStatusBoards, board_type);
-}
-
-NameFacts name_facts(uint32_t port) {
-    NameFacts facts;
-    facts.port = port;
-    const ComMapItem *item = find_item(port);
-    if (item != nullptr) {
-        facts.tty_given = item->ttyGiven == 1;
-        facts.tty_number = item->ttyNumber;
-    }
-    facts.board_type = product::property(0, QEL_PROPERTY_BOARD_TYPE);
-    facts.category = product::property(0, QEL_PROPERTY_CATEGORY);
-    facts.second_port_rule = product::property(0, kSecondPortRule);
-    facts.own_uarts = own_uarts();
-    facts.door_station = product::is_of_family(product::Family::kDoorStation);
-    facts.no_third_tty = product::is_of_family(product::Family::kNoThirdTty);
-    return facts;
-}
-
-bool polls_line_status() {
-    return polls_line_status(product::property(0, QEL_PROPERTY_BOARD_TYPE),
-                             product::property(0, QEL_PROPERTY_CATEGORY));
-}
-
-bool opens_nonblocking(uint32_t port) {
-    const bool many = product::is_of_family(product::Family::kFiveNonblockingPorts);
-    return port < (many ? kManyNonblockingPorts : kNonblockingPorts);
 }
 
 }  // namespace qel::comm

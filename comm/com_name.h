@@ -28,9 +28,4 @@ TtyName tty_name(const NameFacts &facts);
 // Boards whose line status tells when the last bit is out; on others draining does.
 bool polls_line_status(int board_type, int category);
 
-// The same of this board.
-NameFacts name_facts(uint32_t port);
-bool polls_line_status();
-bool opens_nonblocking(uint32_t port);
-
 }  // namespace qel::comm

@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "comm/com_board.h"
 #include "comm/com_slot.h"
 #include "frame/log.h"
 #include "os/os.h"
-#include "product/product_data.h"
 
 struct UartObject : qel::comm::Slot {
     bool has_block QEL_GUARDED_BY(life) = false;  // the driver told its settings
@@ -73,11 +73,6 @@ int uart_wait_empty(const LineUse &use, size_t, int32_t) {
 
 constexpr LineOperations kUartOperations = {uart_wait_readable, uart_read, uart_write, uart_wait_empty};
 
-int turn_round(uint32_t port, uint32_t state) {
-    if (product::is_of_family(product::Family::kHardwareRs485Direction)) return 0;
-    return QEL_485SetCtl(port, state);
-}
-
 // ---- opening ----
 
 int start_line(const char *function, UartObject &uart, int opened) QEL_REQUIRES(uart.life) {
@@ -88,7 +83,7 @@ int start_line(const char *function, UartObject &uart, int opened) QEL_REQUIRES(
         return OSA_EFAIL;
     }
     if (!uart.has_block) uart.has_block = os::ioctl(fd.get(), kGetAttributes, &uart.block) >= 0;
-    const SetDirection direction = is_half_duplex(uart) ? turn_round : nullptr;
+    const SetDirection direction = is_half_duplex(uart) ? turn_line_round : nullptr;
     if (direction != nullptr && direction(uart.port, kReceive) != 0) {
         QEL_ERROR_AS(function, " \n");
         return OSA_EFAIL;
