@@ -6,6 +6,7 @@
 #include "board/core/chip.h"
 #include "board/core/description.h"
 #include "board/core/report.h"
+#include "board/model/mcu.h"
 #include "board/model/port_map.h"
 #include "board/model/records.h"
 #include "qel/eeprom_driver.h"
@@ -21,6 +22,8 @@ constexpr uint32_t kSetRs485Direction = 0xC0044D04;
 constexpr uint32_t kGetPortMap = 0xC0044D08;
 constexpr uint32_t kSetLineMode = 0xC0044D20;
 constexpr uint32_t kGetRs485Status = 0xC0044D29;
+constexpr uint32_t kGetMcuCaps = 0xC0044D34;
+constexpr uint32_t kMcuCapsRead = 0xC0044D44;
 constexpr uint32_t kGetReservedMemory = 0xC0044D4B;
 
 constexpr RequestSpec kRequests[] = {
@@ -29,8 +32,8 @@ constexpr RequestSpec kRequests[] = {
     {kGetPortMap, "GET_PORT_MAP", 0, kPortMapBytes},
     {kSetLineMode, "SET_LINE_MODE", 8, 0},
     {kGetRs485Status, "GET_RS485_STATUS", 4, 4},
-    {0xC0044D34, "GET_MCU_CAPS", 0, 4},
-    {0xC0044D44, "MCU_CAPS_READ"},
+    {kGetMcuCaps, "GET_MCU_CAPS", 0, 4},
+    {kMcuCapsRead, "MCU_CAPS_READ"},
     {kGetReservedMemory, "GET_RESERVED_MEMORY", 0, 8},
     {QEL_MISC_GET_EEPROM_COUNT, "GET_EEPROM_COUNT", 0, 4},
 };
@@ -54,6 +57,7 @@ public:
 private:
     Answer reboot();
     Answer ask_port(uint32_t request, Bytes in) const;
+    Answer ask_mcu(uint32_t request) const;
     uint32_t eeprom_count() const;
 
     uint32_t memory_start_;  // both 0: the board has none
@@ -67,6 +71,7 @@ Answer Misc::ioctl(Handle &, uint32_t request, Bytes in) {
     if (request == QEL_MISC_GET_EEPROM_COUNT && counts_eeproms_)
         return Answer::ok(0, u32_record(eeprom_count()));
     if (request == kGetPortMap) return Answer::ok(0, ports_.record());
+    if (request == kGetMcuCaps || request == kMcuCapsRead) return ask_mcu(request);
     if (request != kGetReservedMemory) return ask_port(request, in);
     Buffer out(8);
     put_u32(out, 0, memory_start_);
@@ -88,6 +93,12 @@ Answer Misc::ask_port(uint32_t request, Bytes in) const {
         default:
             return Answer::fail(ENOTTY);
     }
+}
+
+Answer Misc::ask_mcu(uint32_t request) const {
+    const std::optional<uint32_t> caps = mcu_caps_word(chip());
+    if (!caps) return Answer::fail(ENOTTY);
+    return request == kGetMcuCaps ? Answer::ok(0, u32_record(*caps)) : Answer::ok();
 }
 
 uint32_t Misc::eeprom_count() const {

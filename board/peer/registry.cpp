@@ -9,10 +9,15 @@ namespace qel::board {
 
 extern const PeerKind kPtyPeer;
 extern const PeerKind kEchoPeer;
+extern const PeerKind kScriptPeer;
+extern const PeerKind kRecordingPeer;
+extern const PeerKind kControllerPeer;
+extern const PeerKind kCardReaderPeer;
 
 namespace {
 
-constexpr std::array kKinds = {&kPtyPeer, &kEchoPeer};
+constexpr std::array kKinds = {&kPtyPeer,       &kEchoPeer,       &kScriptPeer,
+                               &kRecordingPeer, &kControllerPeer, &kCardReaderPeer};
 
 }  // namespace
 
