@@ -2,10 +2,12 @@
 // record, for example of a radio keyboard.
 #include <poll.h>
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cstring>
 
 #include "comm/mcu_object.h"
+#include "comm/mcu_use.h"
 #include "comm/port_backend.h"
 #include "comm/port_map.h"
 #include "frame/log.h"
@@ -22,11 +24,9 @@ constexpr int kFunctionFlag = 0;
 constexpr const char *kKeyboardParameter = "kz_keyboard";
 // Readiness may come from events, which are not this port's to fetch.
 constexpr unsigned kOthersReady_ms = 10;
+constexpr unsigned kMostDiscarded = 64;  // blocks; a far end that never stops does not keep us
 constexpr unsigned kConsoleLibrary = 0;
 constexpr unsigned kConsoleKernel = 1;
-
-// All handles of a process are one; there while a port is open.
-McuHandle shared_handle;
 
 // A setting of 0 turns the keyboard off; without a setting it is on.
 bool keyboard_is_off() {
@@ -37,6 +37,8 @@ bool keyboard_is_off() {
     const auto [stop, error] = std::from_chars(text, end, value);
     return error == std::errc() && stop == end && value == 0;
 }
+
+bool is_open(comm::QEL_ComManagePriv &priv) { return std::atomic_ref(priv.opens).load() > 0; }
 
 int create(comm::QEL_ComManagePriv & /*priv*/, const ComMapItem & /*item*/) { return 0; }
 
@@ -58,7 +60,6 @@ int open(comm::QEL_ComManagePriv &priv) {
         QEL_ERROR_AS(kFunction, "Fail to create mcu!\n");
         return OSA_EFAIL;
     }
-    shared_handle = handle;
     // The console hands the line over or not; the port works either way.
     QEL_shellTty(priv.port, kConsoleLibrary, descriptor_of(handle));
     return 0;
@@ -66,55 +67,62 @@ int open(comm::QEL_ComManagePriv &priv) {
 
 int close(comm::QEL_ComManagePriv &priv) {
     QEL_shellTty(priv.port, kConsoleKernel, -1);
-    return QEL_mcuDelete(shared_handle);
+    const McuUse mcu;  // all handles of a process are one: this is the one that open() counted
+    return mcu.get() != nullptr ? QEL_mcuDelete(mcu.get()) : OSA_EFAIL;
 }
 
 int set_attribute(comm::QEL_ComManagePriv &priv, const ComAttribute *attribute) {
     const ComMapItem *item = comm::find_item(static_cast<uint32_t>(priv.port));
     const uint32_t tty =
         item != nullptr && item->ttyGiven == 1 ? item->ttyNumber : static_cast<uint32_t>(priv.port);
-    return QEL_mcuSetAttribute(shared_handle, tty, attribute);
+    const McuUse mcu;
+    return QEL_mcuSetAttribute(mcu.get(), tty, attribute);
 }
 
-int read(comm::QEL_ComManagePriv & /*priv*/, void *buffer, uint32_t bytes) {
-    if (buffer == nullptr || bytes == 0) return OSA_EFAIL;
+int read(comm::QEL_ComManagePriv &priv, void *buffer, uint32_t bytes) {
+    if (!is_open(priv) || buffer == nullptr || bytes == 0) return OSA_EFAIL;
     const uint32_t room = std::min(bytes, QEC_MCU_RAW_BYTES_MAX);
     const uint64_t deadline_ms = OSA_timeMs() + comm::kPortReadTimeout_ms;
+    const McuUse mcu;
+    if (mcu.get() == nullptr) return OSA_EFAIL;
     for (;;) {
         qec_mcu_transfer block{QEC_MCU_SOURCE_RAW, room, buffer};
-        if (QEL_McuRead(shared_handle, &block) < 0 || block.bytes > room) return OSA_EFAIL;
+        if (QEL_McuRead(mcu.get(), &block) < 0 || block.bytes > room) return OSA_EFAIL;
         if (block.bytes > 0) return static_cast<int>(block.bytes);
         const uint64_t now_ms = OSA_timeMs();
         if (now_ms >= deadline_ms) return 0;
-        const int ready =
-            os::wait(descriptor_of(shared_handle), POLLIN, static_cast<int>(deadline_ms - now_ms));
+        const int ready = os::wait(descriptor_of(mcu.get()), POLLIN, static_cast<int>(deadline_ms - now_ms));
         if (ready < 0) return OSA_EFAIL;
         if (ready > 0) OSA_sleepMs(kOthersReady_ms);
     }
 }
 
-int write(comm::QEL_ComManagePriv & /*priv*/, const void *buffer, uint32_t bytes) {
-    if (buffer == nullptr || bytes == 0) return OSA_EFAIL;
+int write(comm::QEL_ComManagePriv &priv, const void *buffer, uint32_t bytes) {
+    if (!is_open(priv) || buffer == nullptr || static_cast<int32_t>(bytes) <= 0) return OSA_EFAIL;
+    const McuUse mcu;
     auto *data = static_cast<uint8_t *>(const_cast<void *>(buffer));  // the driver only reads it
     for (uint32_t done = 0; done < bytes;) {
-        qec_mcu_transfer block{QEC_MCU_SOURCE_RAW, std::min(bytes - done, QEC_MCU_RAW_BYTES_MAX),
-                               data + done};
-        if (QEL_McuWrite(shared_handle, &block) < 0) return OSA_EFAIL;
-        done += block.bytes;
+        const uint32_t piece = std::min(bytes - done, QEC_MCU_RAW_BYTES_MAX);
+        qec_mcu_transfer block{QEC_MCU_SOURCE_RAW, piece, data + done};
+        if (QEL_McuWrite(mcu.get(), &block) < 0) return OSA_EFAIL;
+        done += piece;
     }
     return static_cast<int>(bytes);
 }
 
 int discard_input() {
+    const McuUse mcu;
     uint8_t bytes[QEC_MCU_RAW_BYTES_MAX];
-    for (;;) {
+    for (unsigned i = 0; i < kMostDiscarded; ++i) {
         qec_mcu_transfer block{QEC_MCU_SOURCE_RAW, sizeof(bytes), bytes};
-        if (QEL_McuRead(shared_handle, &block) < 0) return OSA_EFAIL;
-        if (block.bytes < sizeof(bytes)) return 0;
+        if (QEL_McuRead(mcu.get(), &block) < 0) return OSA_EFAIL;
+        if (block.bytes < sizeof(bytes)) break;
     }
+    return 0;
 }
 
-int purge(comm::QEL_ComManagePriv & /*priv*/, uint32_t flag) {
+int purge(comm::QEL_ComManagePriv &priv, uint32_t flag) {
+    if (!is_open(priv)) return OSA_EFAIL;
     switch (flag) {
         case QEL_COM_DISCARD_INPUT:
             return discard_input();

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <algorithm>
 
+#include "comm/com_attribute.h"
 #include "comm/mcu_object.h"
 #include "frame/log.h"
 #include "os/os.h"
@@ -32,7 +33,10 @@ int open_line() {
     return plain;
 }
 
+// Raw first: the frames must arrive byte for byte.
 bool set_line(int fd) {
+    termios saved{};
+    if (comm::make_line_raw(kCreate, fd, saved) != 0) return false;
     if (QEL_setTtyUsbSpeed(fd, kBaud) != 0) {
         QEL_ERROR_AS(kCreate, "set_USB speed failed\n");
         return false;
