@@ -10,6 +10,7 @@
 
 #include "board/core/description.h"
 #include "board/core/device.h"
+#include "board/core/fault.h"
 #include "board/core/runner.h"
 #include "board/core/tree.h"
 
@@ -33,6 +34,8 @@ public:
     virtual void misuse(const std::string &text) = 0;
     virtual void event(const std::string &text) = 0;
     virtual size_t medium_write(const Node &node, size_t bytes) = 0;
+    virtual bool has_faults() const = 0;
+    virtual LineFault line_fault(const Node &node, bool to_host) = 0;
     virtual void add_runner(Runner &runner) = 0;
     virtual void wake_runners() = 0;
 };
@@ -71,6 +74,9 @@ public:
     // A model calls it before it changes what outlives a power cut: how many of the bytes, from the
     // start, reach the medium. Fewer than asked when the power is cut here; then finish and return.
     size_t medium_write(const Device &device, size_t bytes);
+    // What becomes of a byte that goes over the device's serial line, for one byte after the other.
+    LineFault line_fault(const Device &device, bool to_host);
+    bool has_faults() const { return host_.has_faults(); }
     // From the device's constructor, for one that lives as long as the board: see runner.h. Nothing runs
     // before the first wake_runners(); later calls make it run soon.
     void add_runner(Runner &runner) { host_.add_runner(runner); }

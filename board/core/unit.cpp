@@ -425,6 +425,12 @@ size_t Unit::medium_write(const Node &node, size_t bytes) {
     return reached;
 }
 
+LineFault Unit::line_fault(const Node &node, bool to_host) {
+    LineFault fault;
+    for (Fault &known : faults_) strike_byte(known, node.device->chip().number(), node.path, to_host, fault);
+    return fault;
+}
+
 void Unit::run_runners(RunnerWaits &waits) {
     RunnerWaits next;
     for (size_t i = 0; i < runners_.size(); ++i) {

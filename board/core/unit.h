@@ -58,6 +58,8 @@ public:
     void misuse(const std::string &text) override;
     void event(const std::string &text) override;
     size_t medium_write(const Node &node, size_t bytes) override;
+    bool has_faults() const override { return !faults_.empty(); }
+    LineFault line_fault(const Node &node, bool to_host) override;
     void add_runner(Runner &runner) override { runners_.push_back(&runner); }
     void wake_runners() override {
         if (on_work) on_work();

@@ -440,7 +440,6 @@ Answer Mcu::uart_send(Bytes in) {
     if (bytes > QEL_MCU_UART_BYTES) return Answer::fail(EINVAL);
     const bool takes = one->line.takes_more_from_host();
     if (takes) one->line.transmit(in.subspan(kMcuUartHeadBytes, bytes));
-    chip().wake_runners();
     Buffer out(in.begin(), in.begin() + kMcuUartHeadBytes);
     put_u32(out, 8, takes ? bytes : 0);
     return Answer::ok(0, std::move(out));
@@ -504,7 +503,6 @@ Answer Mcu::raw_write(Bytes in) {
         return Answer::ok();
     }
     raw_.line.transmit(data);
-    chip().wake_runners();
     return Answer::ok();
 }
 

@@ -34,13 +34,19 @@ public:
     }
     // The first moment from `ns` on at which the line is low; negative: never again.
     double next_low(double ns) const {
-        auto bit = static_cast<size_t>(ns / bit_ns_);
-        if (bit < levels_.size() && !levels_[bit]) return ns;
-        while (bit < levels_.size() && levels_[bit]) ++bit;
-        return bit < levels_.size() ? static_cast<double>(bit) * bit_ns_ : -1;
+        const double at = next(ns, false);
+        return static_cast<size_t>(at / bit_ns_) < levels_.size() ? at : -1;
     }
+    double next_high(double ns) const { return next(ns, true); }
 
 private:
+    double next(double ns, bool level) const {
+        auto bit = static_cast<size_t>(ns / bit_ns_);
+        if (bit >= levels_.size() || levels_[bit] == level) return ns;
+        while (bit < levels_.size() && levels_[bit] != level) ++bit;
+        // A little behind the edge, so that the moment is of that bit whatever was rounded.
+        return (static_cast<double>(bit) + 1e-6) * bit_ns_;
+    }
     void put_byte(uint8_t byte, const SerialFormat &format) {
         const unsigned data = byte & ((1u << format.data_bits) - 1);
         levels_.push_back(false);
@@ -104,11 +110,7 @@ Buffer received_as(Bytes bytes, const SerialFormat &from, const SerialFormat &to
         out.push_back(framed ? static_cast<uint8_t>(value) : 0);
         start = wave.next_low(stop);
         // A line that stays low is one broken byte, not many.
-        if (!framed && start == stop) {
-            double high = stop;
-            while (!wave.level_at(high)) high += bit_ns / 4;
-            start = wave.next_low(high);
-        }
+        if (!framed && start == stop) start = wave.next_low(wave.next_high(stop));
     }
     return out;
 }

@@ -80,6 +80,7 @@ void SerialLine::transmit(Bytes bytes) {
     if (bytes.empty()) return;
     const auto count = static_cast<int64_t>(bytes.size());
     sent_bytes_ += count;
+    if (!running_) chip_.wake_runners();
     if (controls_direction() && !transmitting_) {
         undriven_bytes_ += count;
         chip_.report_misuse(host_.device(),
@@ -91,7 +92,7 @@ void SerialLine::transmit(Bytes bytes) {
         frame_.bytes += count;
     }
     const bool collides = rs485_ && !to_host_.is_silent(now_us());
-    to_peer_.send(bytes, format_, peer_format(), now_us());
+    send_with_faults(to_peer_, bytes, false);
     if (!collides) return;
     ++collisions_;
     to_peer_.garble(now_us());
@@ -107,6 +108,7 @@ void SerialLine::send(Bytes bytes, int64_t after_us) {
     const auto later = [](int64_t moment, const Message &message) { return moment < message.at_us; };
     messages_.insert(std::upper_bound(messages_.begin(), messages_.end(), at_us, later),
                      {at_us, Buffer(bytes.begin(), bytes.end())});
+    if (!running_) chip_.wake_runners();
 }
 
 bool SerialLine::takes_more() const {
@@ -130,10 +132,37 @@ void SerialLine::put_on_wire(Bytes bytes) {
         to_peer_.garble(now_us());
         return;
     }
-    to_host_.send(bytes, peer_format(), format_, now_us());
+    send_with_faults(to_host_, bytes, true);
 }
 
 // ---- the wire ----
+
+void SerialLine::send_with_faults(SerialWire &wire, Bytes bytes, bool to_host) {
+    const SerialFormat from = to_host ? peer_format() : format_;
+    const SerialFormat to = to_host ? format_ : peer_format();
+    if (!chip_.has_faults()) {
+        wire.send(bytes, from, to, now_us());
+        return;
+    }
+    Buffer run;  // bytes without a delay of their own
+    for (const uint8_t byte : bytes) {
+        const LineFault fault = chip_.line_fault(host_.device(), to_host);
+        if (fault.hangs_up) {
+            host_.hang_up();
+            return;
+        }
+        if (fault.lost) continue;
+        if (fault.delay_ms > 0) {
+            wire.send(run, from, to, now_us());
+            run.clear();
+        }
+        run.insert(run.end(), fault.twice ? 2 : 1, static_cast<uint8_t>(byte ^ fault.flips));
+        if (fault.delay_ms == 0) continue;
+        wire.send(run, from, to, now_us(), fault.delay_ms * 1000);
+        run.clear();
+    }
+    wire.send(run, from, to, now_us());
+}
 
 // True when the peer got something.
 bool SerialLine::hand_over() {
@@ -153,6 +182,7 @@ bool SerialLine::hand_over() {
 }
 
 void SerialLine::run(std::span<const pollfd> ready, RunnerWaits &waits) {
+    running_ = true;
     host_.collect();
     hand_over();
     send_due_messages();
@@ -165,6 +195,7 @@ void SerialLine::run(std::span<const pollfd> ready, RunnerWaits &waits) {
     was_busy_ = busy;
     host_.wait(waits);
     wait(waits);
+    running_ = false;
 }
 
 void SerialLine::wait(RunnerWaits &waits) const {

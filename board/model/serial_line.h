@@ -23,6 +23,8 @@ public:
     virtual void collect() = 0;
     // What it watches for the line (runner.h).
     virtual void wait(RunnerWaits &) {}
+    // The plug is pulled. Called from within collect() too.
+    virtual void hang_up() {}
     virtual const Device &device() const = 0;
 };
 
@@ -91,6 +93,7 @@ private:
     SerialFormat peer_format() const;
     void send_due_messages();
     void put_on_wire(Bytes bytes);
+    void send_with_faults(SerialWire &wire, Bytes bytes, bool to_host);
     bool hand_over();
     void wait(RunnerWaits &waits) const;
 
@@ -112,6 +115,7 @@ private:
     Buffer unread_;       // arrived at a peer that takes no more
     std::deque<Message> messages_;
     bool was_busy_ = false;
+    bool running_ = false;  // in run(), which hands over what is sent meanwhile
 
     Frame frame_;
     std::deque<Frame> frames_;  // the last ones

@@ -58,6 +58,7 @@ public:
     }
     void collect() override;
     void wait(RunnerWaits &waits) override;
+    void hang_up() override;
     const Device &device() const override { return *this; }
 
 private:
@@ -114,7 +115,7 @@ void Tty::close(Handle &handle) {
 void Tty::collect() {
     if (pty_ == nullptr) return;
     uint8_t chunk[kChunkBytes];
-    while (line_.takes_more_from_host()) {
+    while (pty_ != nullptr && line_.takes_more_from_host()) {  // a fault may hang up on the way
         const size_t got = pty_->read(chunk, sizeof(chunk));
         if (got == 0) break;
         // Programs of the host may have set it behind our back.
@@ -222,6 +223,14 @@ Answer Tty::term(Handle &handle, TermOp op, Bytes in) {
     }
 }
 
+void Tty::hang_up() {
+    plugged_ = false;
+    pty_.reset();  // whoever reads it gets the end of file
+    forget_counts();
+    line_.set_open(false);
+    chip().changed();
+}
+
 void Tty::power_on() {
     pty_.reset();
     forget_counts();
@@ -238,10 +247,7 @@ void Tty::show(Report &report) const {
 
 Answer Tty::poke(const std::vector<std::string> &words) {
     if (words.size() == 1 && words[0] == "hang-up") {
-        plugged_ = false;
-        pty_.reset();  // whoever reads it gets the end of file
-        forget_counts();
-        line_.set_open(false);
+        hang_up();
         return Answer::ok();
     }
     if (words.size() == 1 && words[0] == "plug") {

@@ -144,7 +144,6 @@ Answer Uart::take(const Handle &handle, Bytes in) {
     if (suspended_ || !line_.takes_more_from_host())
         return wait_at_most(handle, static_cast<int32_t>(get_u32(in, 4)));
     line_.transmit(in.subspan(kTransferBytes));
-    chip().wake_runners();
     return Answer::ok(static_cast<int64_t>(in.size() - kTransferBytes));
 }
 
@@ -171,7 +170,6 @@ Answer Uart::act(uint32_t request) {
             return Answer::ok();
         case kSendStop:
             line_.transmit(Bytes(&kStopCharacter, 1));
-            chip().wake_runners();
             return Answer::ok();
         case kDiscardOutput:
             line_.discard_unsent();
