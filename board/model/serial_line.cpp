@@ -45,12 +45,21 @@ void SerialLine::set_open(bool open) {
     if (open == open_) return;
     open_ = open;
     if (open) {
+        unheard_bytes_ += forget_messages();
         peer_->line_opened();
         chip_.wake_runners();
         return;
     }
     to_host_.clear();
     undelivered_.clear();
+}
+
+// What the peer was still to say to nobody.
+int64_t SerialLine::forget_messages() {
+    int64_t bytes = 0;
+    for (const Message &message : messages_) bytes += static_cast<int64_t>(message.bytes.size());
+    messages_.clear();
+    return bytes;
 }
 
 void SerialLine::set_format(const SerialFormat &format) {

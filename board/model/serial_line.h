@@ -91,6 +91,7 @@ private:
     bool controls_direction() const { return rs485_ && wiring_.has_direction && !wiring_.turns_by_itself; }
     bool driver_on() const { return controls_direction() && transmitting_; }
     SerialFormat peer_format() const;
+    int64_t forget_messages();
     void send_due_messages();
     void put_on_wire(Bytes bytes);
     void send_with_faults(SerialWire &wire, Bytes bytes, bool to_host);

@@ -54,19 +54,15 @@ public:
         : Peer(port), steps_(std::move(steps)), repeats_(repeats) {}
 
     void receive(Bytes bytes) override;
-    void line_opened() override { begin(); }
-    void power_on() override {
-        begin();
-        rounds_ = unexpected_ = 0;
-    }
-    void show(Report &report) const override;
-
-private:
-    void begin() {
+    void line_opened() override {
         next_ = matched_ = 0;
         stopped_ = false;
         speak();
     }
+    void power_on() override { rounds_ = unexpected_ = 0; }
+    void show(Report &report) const override;
+
+private:
     void speak();
     void end_round();
     bool is_over() const { return next_ == steps_.size(); }
