@@ -95,6 +95,7 @@ bool Tty::make_pty() {
 int Tty::open(Handle &handle) {
     if (!plugged_) return -ENODEV;
     if (!make_pty()) return -ENOSPC;
+    if (told_.empty()) pty_->forget_unread();  // what was on its way when the last one closed it
     told_[handle.id] = 0;
     line_.set_open(true);
     return 0;
