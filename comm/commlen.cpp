@@ -34,7 +34,8 @@ constexpr uint8_t kDataBits = 8;
 
 static_assert(kMaxPayloadBytes == QEL_COMMLEN_PAYLOAD_MAX);
 
-CommLen g_link;
+// The chain starts it before constructors of this source would run.
+constinit CommLen g_link;
 
 bool is_link(const CommLen *link, const void *message, const char *function) {
     if (link == nullptr || message == nullptr) {
@@ -116,15 +117,18 @@ void *receive_frames(void *argument) {
 
 // ---- sending and waiting ----
 
-int send(CommLen &link, const CommLenMsg &message, const char *function) {
+// `sequence` may be nullptr.
+int send(CommLen &link, const CommLenMsg &message, const char *function, int *sequence) {
     if (message.length > kMaxPayloadBytes) {
         QEL_ERROR_AS(function, "length %u is more than %zu\n", message.length, kMaxPayloadBytes);
         return OSA_EFAIL;
     }
     std::array<uint8_t, kMaxFrameBytes> frame;
     const MutexLock lock(link.writing);
-    const size_t bytes =
-        build({link.numbers.next(), message.command, {message.payload, message.length}}, frame);
+    const uint8_t number = link.numbers.next();
+    if (sequence != nullptr) *sequence = number;
+    link.waiters.note_request(message.command, number);
+    const size_t bytes = build({number, message.command, {message.payload, message.length}}, frame);
     const int written = link.port->write(link.port, frame.data(), static_cast<uint32_t>(bytes));
     if (written == static_cast<int>(bytes)) return 0;
     QEL_ERROR_AS(function, "wrote %d of %zu bytes\n", written, bytes);
@@ -235,7 +239,7 @@ int QEL_commlenCreate(CommLen **out) {
 }
 
 int QEL_commlenWrite(CommLen *link, const CommLenMsg *message) {
-    return is_link(link, message, __func__) ? send(*link, *message, __func__) : OSA_EFAIL;
+    return is_link(link, message, __func__) ? send(*link, *message, __func__, nullptr) : OSA_EFAIL;
 }
 
 int QEL_commlenRead(CommLen *link, CommLenMsg *message) {
@@ -249,7 +253,7 @@ int QEL_commlenExchange(CommLen *link, const CommLenMsg *request, CommLenMsg *re
     Waiter waiter;
     if (!is_link(link, request, __func__) || !is_link(link, reply, __func__)) return OSA_EFAIL;
     if (join(*link, reply->command, waiter, __func__) != 0) return OSA_EFAIL;
-    if (send(*link, *request, __func__) == 0) return wait(*link, waiter, reply, __func__);
+    if (send(*link, *request, __func__, &waiter.request) == 0) return wait(*link, waiter, reply, __func__);
     link->waiters.leave(waiter);
     return OSA_EFAIL;
 }

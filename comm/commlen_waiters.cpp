@@ -24,6 +24,8 @@ Waiter *served_of(Waiter *first, Waiter &mine) {
 int Waiters::create(const char *function) {
     if (mutex_.create() != 0) return OSA_EFAIL;
     const MutexLock lock(mutex_);
+    requests_.fill(kNoRequest);
+    given_up_.fill({});
     for (size_t i = 0; i < slots_.size(); ++i) {
         if (OSA_semCreate(&slots_[i].arrived, kMostPosts, 0) == 0) continue;
         QEL_WARN_AS(function, "OSA_semCreate %d fail\n", static_cast<int>(i));
@@ -49,11 +51,25 @@ Waiters::Slot *Waiters::find_locked(uint8_t command) {
     return found != slots_.end() ? &*found : nullptr;
 }
 
+void Waiters::note_request(uint8_t command, uint8_t sequence) {
+    const MutexLock lock(mutex_);
+    requests_[command] = sequence;
+    given_up_[sequence].reset();
+}
+
+void Waiters::end_request_locked(const Waiter &waiter, bool answered) {
+    if (waiter.request == kNoRequest) return;
+    const uint8_t command = waiter.reply.command;
+    if (!answered) given_up_[static_cast<size_t>(waiter.request)].set(command);
+    if (requests_[command] == waiter.request) requests_[command] = kNoRequest;
+}
+
 bool Waiters::join(uint8_t command, Waiter &waiter) {
     waiter.served = false;
     waiter.next = nullptr;
     waiter.reply.command = command;
     const MutexLock lock(mutex_);
+    waiter.request = requests_[command];
     Slot *slot = find_locked(command);
     if (slot == nullptr) {
         slot = std::ranges::find(slots_, nullptr, &Slot::first);
@@ -81,7 +97,8 @@ void Waiters::leave(Waiter &waiter) {
 }
 
 // A post says that one more of the slot's readers was served, not which. A reader whose time is over
-// leaves with its own reply alone, so a post may be left for others, who find nothing and wait on.
+// leaves with its own reply alone, so a post may be left for others, who find nothing and wait on; so do
+// the readers of the next code when a post comes only after the slot's last reader has left.
 bool Waiters::wait(Waiter &waiter, unsigned timeout_ms) {
     const uint64_t deadline_ms = OSA_timeMs() + timeout_ms;
     OSA_SemHandle arrived = nullptr;
@@ -101,21 +118,32 @@ bool Waiters::wait(Waiter &waiter, unsigned timeout_ms) {
             waiter.reply = served->reply;
             served->served = false;
         }
+        end_request_locked(waiter, served != nullptr);
         leave_locked(slot, waiter);
         return served != nullptr;
     }
 }
 
+// Posts when the mutex is free again, so that who wakes up runs on.
 void Waiters::deliver(const Frame &frame) {
-    const MutexLock lock(mutex_);
-    Slot *slot = find_locked(frame.command);
-    Waiter *waiter = slot != nullptr ? slot->first : nullptr;
-    while (waiter != nullptr && waiter->served) waiter = waiter->next;
-    if (waiter == nullptr) return;
-    std::ranges::copy(frame.payload, waiter->reply.payload);
-    waiter->reply.length = static_cast<uint8_t>(frame.payload.size());
-    waiter->served = true;
-    OSA_semPost(slot->arrived);
+    OSA_SemHandle arrived = nullptr;
+    {
+        const MutexLock lock(mutex_);
+        std::bitset<kCodes> &given_up = given_up_[frame.sequence];
+        if (given_up.test(frame.command)) {
+            given_up.reset(frame.command);
+            return;
+        }
+        Slot *slot = find_locked(frame.command);
+        Waiter *waiter = slot != nullptr ? slot->first : nullptr;
+        while (waiter != nullptr && waiter->served) waiter = waiter->next;
+        if (waiter == nullptr) return;
+        std::ranges::copy(frame.payload, waiter->reply.payload);
+        waiter->reply.length = static_cast<uint8_t>(frame.payload.size());
+        waiter->served = true;
+        arrived = slot->arrived;
+    }
+    OSA_semPost(arrived);
 }
 
 }  // namespace qel::commlen

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <bitset>
 
 #include "comm/commlen_frame.h"
 #include "frame/mutex.h"
@@ -9,10 +10,13 @@
 
 namespace qel::commlen {
 
+constexpr int kNoRequest = -1;
+
 // One reader; lives on its stack from join to the end of wait.
 struct Waiter {
     CommLenMsg reply;
     bool served;
+    int request;  // number of the frame that it wants answered
     Waiter *next;
 };
 
@@ -22,6 +26,10 @@ public:
     int create(const char *function);
     int destroy();
 
+    // A request of this number goes out. A reply that carries it although its reader has given up is late
+    // and for nobody. Controllers that number their frames on their own lose one now and then by that, as
+    // on a bad line; most answer with the number of the request.
+    void note_request(uint8_t command, uint8_t sequence);
     // From now on a frame of this code is kept for the waiter. False: too many codes are waited for.
     bool join(uint8_t command, Waiter &waiter);
     // Waits for the frame and leaves. False: none came in time.
@@ -33,7 +41,7 @@ public:
     void deliver(const Frame &frame);
 
 private:
-    // One per code that is waited for. A slot without waiters is free, and its semaphore then empty.
+    // One per code that is waited for; free without waiters.
     struct Slot {
         OSA_SemHandle arrived;
         uint8_t command;
@@ -41,10 +49,17 @@ private:
     };
 
     Slot *find_locked(uint8_t command) QEL_REQUIRES(mutex_);
+    void end_request_locked(const Waiter &waiter, bool answered) QEL_REQUIRES(mutex_);
     void leave_locked(Slot &slot, Waiter &waiter) QEL_REQUIRES(mutex_);
 
     Mutex mutex_;
     std::array<Slot, QEL_COMMLEN_CODES_MAX> slots_ QEL_GUARDED_BY(mutex_) = {};
+
+    static constexpr size_t kCodes = 256;
+    // By command code: the last request, unless somebody has its reply.
+    std::array<int16_t, kCodes> requests_ QEL_GUARDED_BY(mutex_) = {};
+    // By the request's number: the codes of the replies that nobody waits for any more.
+    std::array<std::bitset<kCodes>, 256> given_up_ QEL_GUARDED_BY(mutex_) = {};
 };
 
 }  // namespace qel::commlen

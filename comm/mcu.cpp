@@ -26,7 +26,7 @@ namespace {
 constexpr int kDataWait_ms = 4000;
 constexpr unsigned kDataRest_ms = 1000;
 
-McuObject gMcuObj;
+constinit McuObject gMcuObj;  // before constructors of this source would run
 
 static_assert(sizeof(qec_mcu_time) == 28);
 static_assert(sizeof(qec_mcu_event) == 128);

@@ -98,7 +98,7 @@ protected:
     std::optional<Controller> controller_;
 };
 
-std::string echo(const Heard &heard) { return frame(heard.command, heard.payload); }
+std::string echo(const Heard &heard) { return frame(heard.command, heard.payload, heard.sequence); }
 
 TEST_F(Commlen, CarriesRequestsAndRepliesOfEveryLength) {
     answer(echo);
@@ -143,6 +143,21 @@ TEST_F(Commlen, GivesUpAfterItsTimeAndForgetsWhatComesLate) {
     controller_->say(frame(0x40, "first, late"));
     settle();
     EXPECT_EQ(exchange(message(0x40, "second")), "second");
+}
+
+// The late reply comes while the next reader waits already: the request's number tells them apart.
+TEST_F(Commlen, DoesNotTakeALateReplyForTheNextOne) {
+    std::string late;
+    answer([&](const Heard &heard) {
+        const std::string reply = echo(heard);
+        return heard.payload == "lost" ? (late += reply, std::string()) : late + reply;
+    });
+    EXPECT_EQ(exchange(message(0x42, "lost")), "no reply");
+    const CommLenMsg second = message(0x42, "lost");
+    CommLenMsg reply = message(0x42);
+    EXPECT_EQ(CALL(*bench_.library, QEL_commlenWrite)(link_, &second), 0);
+    EXPECT_EQ(CALL(*bench_.library, QEL_commlenRead)(link_, &reply), -1);
+    EXPECT_EQ(exchange(message(0x42, "third")), "third");
 }
 
 TEST_F(Commlen, KeepsNoSecondReplyForTheNextReader) {

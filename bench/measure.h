@@ -1,0 +1,104 @@
+// measure.h - what the measuring programs share: two ways of doing a thing, timed in turns so that what
+// else the machine does meanwhile hits both, and printed as a row of bench/CMakeLists.txt's table.
+#pragma once
+
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qel::bench {
+
+// Ends the program, saying what failed. A forked child leaves its parent's output alone.
+inline void expect(bool condition, const char *what) {
+    if (condition) return;
+    fprintf(stderr, "%s: %s failed\n", program_invocation_short_name, what);
+    _exit(1);
+}
+
+using Cores = std::vector<int>;
+
+// The cores this program may use.
+inline Cores own_cores() {
+    cpu_set_t set;
+    expect(sched_getaffinity(0, sizeof set, &set) == 0, "sched_getaffinity");
+    Cores cores;
+    for (int core = 0; core < CPU_SETSIZE; ++core) {
+        if (CPU_ISSET(core, &set)) cores.push_back(core);
+    }
+    return cores;
+}
+
+inline void run_on(const Cores &cores) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (const int core : cores) CPU_SET(core, &set);
+    expect(sched_setaffinity(0, sizeof set, &set) == 0, "sched_setaffinity");
+}
+
+// A forked process that ends with its parent, by SIGTERM at the latest when this object goes.
+class Child {
+public:
+    explicit Child(const std::function<void()> &body) : pid_(fork()) {
+        expect(pid_ >= 0, "fork");
+        if (pid_ != 0) return;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        body();
+        _exit(0);
+    }
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+    ~Child() {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+
+private:
+    pid_t pid_;
+};
+
+inline double median(std::vector<double> values) {
+    std::ranges::nth_element(values, values.begin() + static_cast<ptrdiff_t>(values.size() / 2));
+    return values[values.size() / 2];
+}
+
+inline double us_per_call(int calls, const std::function<void()> &call) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < calls; ++i) call();
+    const std::chrono::duration<double, std::micro> taken = std::chrono::steady_clock::now() - start;
+    return taken.count() / calls;
+}
+
+struct Way {
+    std::string name;
+    std::function<void()> call;
+};
+
+// Medians over the rounds, of each way's cost and of the ratio; the first round only warms up.
+inline void compare(const Way &way, const Way &with, int calls_per_round) {
+    constexpr int kRounds = 15;
+    std::vector<double> costs_us;
+    std::vector<double> with_us;
+    std::vector<double> ratios;
+    for (int round = 0; round <= kRounds; ++round) {
+        const double with_cost_us = us_per_call(calls_per_round, with.call);
+        const double cost_us = us_per_call(calls_per_round, way.call);
+        if (round == 0) continue;
+        costs_us.push_back(cost_us);
+        with_us.push_back(with_cost_us);
+        ratios.push_back(cost_us / with_cost_us);
+    }
+    printf("| %s | %.2f us | %s | %.2f us | %.2f |\n", way.name.c_str(), median(costs_us), with.name.c_str(),
+           median(with_us), median(ratios));
+    fflush(stdout);
+}
+
+}  // namespace qel::bench
