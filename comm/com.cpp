@@ -41,8 +41,11 @@ void set_raw_mark(ComObject &com, bool raw) {
 
 // ---- settings ----
 
+// Settings that were kept and not put back since are still the line's own.
 int make_raw(const char *function, ComObject &com, int fd) QEL_REQUIRES(com.life) {
-    if (make_line_raw(function, fd, com.saved) != 0) return OSA_EFAIL;
+    termios before{};
+    if (make_line_raw(function, fd, before) != 0) return OSA_EFAIL;
+    if (!is_raw(com)) com.saved = before;
     set_raw_mark(com, true);
     return 0;
 }
@@ -99,9 +102,12 @@ void take_from_console(ComObject &com, int fd) QEL_REQUIRES(com.life) {
     if (!product::is_of_family(product::Family::kHardwareRs485Direction)) QEL_ChangeCtl(com.port, 1);
 }
 
+// Settings stay with a line, but for the console's: it is an echoing terminal again. Not under the requests
+// that are still under way, which would have the line talk to itself.
 void leave_line(ComObject &com, int fd) QEL_REQUIRES(com.life) {
-    restore(com, fd);
-    if (com.port == kConsolePort) tell_console_of(com, -1);
+    if (com.port != kConsolePort) return;
+    if (is_idle(com)) restore(com, fd);
+    tell_console_of(com, -1);
 }
 
 int start_line(const char *function, ComObject &com, int opened) QEL_REQUIRES(com.life) {
@@ -128,6 +134,7 @@ int open_object(const char *function, ComObject &com, int (*open_device)(const c
     const MutexLock life(com.life);
     if (open_again(com)) return 0;
     const MutexLock line(com.line_mutex);
+    const Discard discard(com);  // requests may still be under way on the line as it was opened before
     const int fd = open_device(function, com);
     return fd < 0 ? OSA_EFAIL : start_line(function, com, fd);
 }
@@ -195,6 +202,7 @@ int QEL_comCreate(ComHandle *hCom, const ComObjDesc *desc) {
     }
     *hCom = &com;
     if (created == Created::kShared) return OSA_EFAIL;
+    set_raw_mark(com, false);
     QEL_INFO("-->>-----ComObj-port: %d Create Successed----->>\n", static_cast<int>(desc->port));
     return 0;
 }

@@ -154,6 +154,11 @@ bool is_half_duplex(Slot &slot) {
     return slot.half_duplex;
 }
 
+bool is_idle(Slot &slot) {
+    const MutexLock lock(slots_mutex);
+    return slot.requests == 0;
+}
+
 int attach(Slot &slot, const NewLine &opened) {
     auto *line = static_cast<OpenLine *>(OSA_memCalloc(sizeof(OpenLine)));
     if (line == nullptr) return OSA_EFAIL;
@@ -209,14 +214,17 @@ void abandon(OpenLine *line) {
 LineUse::LineUse(Slot &slot) : slot_(slot) {
     const MutexLock lock(slots_mutex);
     line_ = slot.line;
-    if (line_ != nullptr) ++line_->users;
     rs485_ = slot.rs485;
+    if (line_ == nullptr) return;
+    ++line_->users;
+    ++slot.requests;
 }
 
 LineUse::~LineUse() {
     if (line_ == nullptr) return;
     {
         const MutexLock lock(slots_mutex);
+        --slot_.requests;
         if (--line_->users > 0 || !line_->abandoned) return;
     }
     close_line(line_);
@@ -253,9 +261,11 @@ int receive(const char *function, const LineUse &use, const LineOperations &oper
 int send_frame(const char *function, const LineUse &use, const LineOperations &operations,
                ComIoParam &request) {
     const ComIoParam wanted = request;
-    request.length = 0;
     Slot &slot = use.slot();
     const MutexLock lock(slot.line_mutex);
+    // Others were before us. A write that blocks would keep even those away who could make room by reading.
+    if (wanted.timeoutMs != 0 && !operations.is_writable(use.fd())) return -EAGAIN;
+    request.length = 0;
     const SetDirection direction = use.direction();
     if (direction != nullptr && direction(slot.port, kTransmit) != 0) return OSA_EFAIL;
     OSA_sleepMs(kTransmitLead_ms);

@@ -45,6 +45,7 @@ struct Slot {
 
     int32_t references QEL_GUARDED_BY(slots_mutex) = 0;
     uint32_t opens QEL_GUARDED_BY(slots_mutex) = 0;
+    uint32_t requests QEL_GUARDED_BY(slots_mutex) = 0;  // under way, on this line or those before it
     OpenLine *line QEL_GUARDED_BY(slots_mutex) = nullptr;
     bool rs485 QEL_GUARDED_BY(slots_mutex) = false;
     bool half_duplex QEL_GUARDED_BY(slots_mutex) = false;
@@ -70,6 +71,7 @@ void destroy_slot(Slot &slot);
 // True: it was open already, and is so once more.
 bool open_again(Slot &slot);
 bool is_half_duplex(Slot &slot);
+bool is_idle(Slot &slot);  // no request is under way
 void set_rs485(Slot &slot, bool rs485);
 void describe(Slot &slot, ComPriv *out);  // but for what a layer knows alone
 struct NewLine {
@@ -147,6 +149,8 @@ struct LineOperations {
     // Waits for bytes; > 0 there are, 0 time over.
     int (*wait_readable)(int fd, const ComIoParam &request, int timeout_ms);
     ssize_t (*read)(int fd, const ComIoParam &request);
+    // Whether a write would go on at once.
+    bool (*is_writable)(int fd);
     ssize_t (*write)(int fd, const ComIoParam &request);
     // Waits until the last of `bytes` has left the line: > 0, or 0 time over.
     int (*wait_empty)(const LineUse &use, size_t bytes, int32_t timeout_ms);
@@ -155,6 +159,7 @@ struct LineOperations {
 // 0, or a status that is logged under `function`; request.length is what was moved. The request has been
 // checked and the line is open.
 int receive(const char *function, const LineUse &use, const LineOperations &operations, ComIoParam &request);
+// -EAGAIN, with nothing in the log: the line takes nothing now, so the frame was not begun.
 int send_frame(const char *function, const LineUse &use, const LineOperations &operations,
                ComIoParam &request);
 

@@ -26,6 +26,8 @@ int wait_for_bytes(int fd, const ComIoParam &, int timeout_ms) {
 
 ssize_t take_bytes(int fd, const ComIoParam &request) { return os::read(fd, request.buffer, request.length); }
 
+bool is_writable(int fd) { return os::wait(fd, POLLOUT, 0) > 0; }
+
 ssize_t put_bytes(int fd, const ComIoParam &request) { return os::write(fd, request.buffer, request.length); }
 
 int drain(int fd) {
@@ -65,7 +67,8 @@ int wait_until_empty(const LineUse &use, size_t bytes, int32_t timeout_ms) {
     return use.polls_line_status() ? watch_line_status(use, bytes, timeout_ms) : drain(use.fd());
 }
 
-constexpr LineOperations kTtyOperations = {wait_for_bytes, take_bytes, put_bytes, wait_until_empty};
+constexpr LineOperations kTtyOperations = {wait_for_bytes, take_bytes, is_writable, put_bytes,
+                                           wait_until_empty};
 
 // ---- writing without direction control ----
 
@@ -114,25 +117,37 @@ int write_once(const char *function, const LineUse &use, const ComIoParam &wante
     return 0;
 }
 
+// 0, or a status that is logged: the line took nothing in time, or failed.
+int await_writable(const char *function, const LineUse &use, const TimeLeft &left) {
+    const int ready = wait_writable(use, left);
+    if (ready > 0) return 0;
+    if (ready == 0) {
+        QEL_ERROR_AS(function, "select wait timeout! fd = %d\n", use.fd());
+        return QEL_ETIMEOUT;
+    }
+    QEL_ERROR_AS(function, "select  error !!\n");
+    return OSA_EFAIL;
+}
+
+int transmit_frame(const char *function, const LineUse &use, ComIoParam &request, const TimeLeft &left) {
+    for (;;) {
+        const int status = send_frame(function, use, kTtyOperations, request);
+        if (status != -EAGAIN) return status;
+        const int ready = await_writable(function, use, left);
+        if (ready == 0) continue;
+        request.length = 0;
+        return ready;
+    }
+}
+
 int transmit(const char *function, const LineUse &use, ComIoParam &request) {
     const ComIoParam wanted = request;
     const TimeLeft left(wanted.timeoutMs);
-    if (wanted.timeoutMs != 0) {
-        const int ready = wait_writable(use, left);
-        if (ready <= 0) request.length = 0;
-        if (ready == 0) {
-            QEL_ERROR_AS(function, "select wait timeout! fd = %d\n", use.fd());
-            return QEL_ETIMEOUT;
-        }
-        if (ready < 0) {
-            QEL_ERROR_AS(function, "select  error !!\n");
-            return OSA_EFAIL;
-        }
-    }
-    if (use.rs485()) return send_frame(function, use, kTtyOperations, request);
+    if (use.rs485()) return transmit_frame(function, use, request, left);
     request.length = 0;
     if (wanted.timeoutMs == 0) return write_once(function, use, wanted, &request.length);
-    return write_pieces(function, use, wanted, left, &request.length);
+    const int ready = await_writable(function, use, left);
+    return ready != 0 ? ready : write_pieces(function, use, wanted, left, &request.length);
 }
 
 bool has_unfit_timeout(const char *function, const ComIoParam &request) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "comm/mcu_use.h"
 #include "comm/port_backend.h"
 #include "frame/log.h"
 #include "qel/mcu.h"
@@ -15,23 +16,9 @@ namespace qel::comm {
 
 namespace {
 
+using mcu::McuUse;
+
 constexpr unsigned kMostDiscarded = 64;  // records; a far end that never stops does not keep us
-
-class McuUse {
-public:
-    McuUse() {
-        if (QEL_mcuCreate(&handle_) != 0) handle_ = nullptr;
-    }
-    ~McuUse() {
-        if (handle_ != nullptr) QEL_mcuDelete(handle_);
-    }
-    McuUse(const McuUse &) = delete;
-    McuUse &operator=(const McuUse &) = delete;
-    McuHandle get() const { return handle_; }
-
-private:
-    McuHandle handle_ = nullptr;
-};
 
 bool is_gps(const QEL_ComManagePriv &priv) { return priv.gps != 0; }
 

@@ -61,8 +61,11 @@ ssize_t uart_read(int fd, const ComIoParam &request) {
     return got > static_cast<int64_t>(request.length) ? -EIO : got;
 }
 
+bool uart_is_writable(int) { return true; }  // the driver keeps to the request's time
+
 ssize_t uart_write(int fd, const ComIoParam &request) {
     const int put = ask(fd, kWrite, request);
+    if (put == 0 && request.timeoutMs != 0) return -ETIMEDOUT;
     return put > static_cast<int64_t>(request.length) ? -EIO : put;
 }
 
@@ -71,7 +74,8 @@ int uart_wait_empty(const LineUse &use, size_t, int32_t) {
     return status < 0 ? status : 1;
 }
 
-constexpr LineOperations kUartOperations = {uart_wait_readable, uart_read, uart_write, uart_wait_empty};
+constexpr LineOperations kUartOperations = {uart_wait_readable, uart_read, uart_is_writable, uart_write,
+                                            uart_wait_empty};
 
 // ---- opening ----
 
@@ -100,6 +104,7 @@ int open_object(const char *function, UartObject &uart) {
     const MutexLock life(uart.life);
     if (open_again(uart)) return 0;
     const MutexLock line(uart.line_mutex);
+    const Discard discard(uart);
     char path[32];
     snprintf(path, sizeof(path), "/dev/qecUart%u", uart.port);
     const int fd = os::open(path, O_RDWR);

@@ -192,7 +192,8 @@ QEL_API int QEL_comDelete(ComHandle hCom);
 QEL_API int QEL_comOpen(ComHandle hCom);
 /* The same for the USB adapter, at 115200 baud. */
 QEL_API int QEL_comOpen_usb(ComHandle hCom);
-/* Undoes one open; the last one puts the line's settings back and returns port 0 to the console. */
+/* Undoes one open; the last one closes the line, whose settings stay. Port 0 goes back to the console, with
+ * the settings it had. */
 QEL_API int QEL_comClose(ComHandle hCom);
 /* Discards what is in the line's buffers. Values it does not know: a warning, and see ComAttribute:
  * the old speed and parity, 5 data bits, one stop bit. */
@@ -223,7 +224,7 @@ typedef struct {
     int32_t fd; /* -1: closed */
     uint32_t rs485;
     uint32_t halfDuplex;
-    uint32_t raw;   /* the line is raw, its former settings are kept */
+    uint32_t raw;   /* it was set raw, and its former settings are kept */
     uint32_t opens; /* closes that it takes to close it */
 } ComPriv;
 
