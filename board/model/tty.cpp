@@ -230,6 +230,7 @@ void Tty::hang_up() {
     forget_counts();
     line_.set_open(false);
     chip().changed();
+    chip().wake_runners();  // who still waits on the terminal keeps it
 }
 
 void Tty::power_on() {
