@@ -26,7 +26,6 @@ struct Board::Impl {
     const uint32_t ipc_salt;
     Mutex mutex;
     Unit unit QEL_GUARDED_BY(mutex);
-    Pump pump;  // ends before the unit does
     std::function<void(uint32_t)> on_ready QEL_GUARDED_BY(mutex);
     std::function<void()> on_changed QEL_GUARDED_BY(mutex);
     // Descriptors of devices that this process opened on its own board.
@@ -35,6 +34,7 @@ struct Board::Impl {
     bool entered = false;
     bool was_entered = false;
     std::string old_process_name;
+    Pump pump;  // the last member: its thread ends before anything it uses
 };
 
 }  // namespace qel::board

@@ -34,7 +34,7 @@ public:
     }
 
 private:
-    static constexpr size_t kMostBytes = 64 * 1024;
+    static constexpr size_t kMostBytes = 65536;
     Device &owner_;
     Buffer received_;
 };

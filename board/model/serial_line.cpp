@@ -10,7 +10,7 @@ namespace qel::board {
 
 namespace {
 
-constexpr size_t kMostWaiting = 64 * 1024;  // bytes on their way before the sender is held up
+constexpr size_t kMostWaiting = 65536;  // bytes on their way before the sender is held up
 constexpr size_t kFramesKept = 8;
 constexpr int64_t kMostBaud = 4'000'000;
 // A timed line is not served for every single byte.

@@ -11,7 +11,7 @@ namespace qel::board {
 namespace {
 
 constexpr size_t kChunkBytes = 4096;
-constexpr size_t kMostUnread = 64 * 1024;
+constexpr size_t kMostUnread = 65536;
 // How often to look whether a program has come, in the board's time.
 constexpr int64_t kLookEvery_us = 10'000;
 

@@ -232,7 +232,8 @@ TEST_F(SerialMcu, TakesCardsFramesAndFirmware) {
     EXPECT_STREQ(card.number, "");
     std::fill(std::begin(card.number), std::end(card.number), 'x');
     EXPECT_EQ(ask(QEC_MCU_PUT_CARD_NO, &card), -EINVAL) << "no end";
-    for (const auto &[request, most] : {std::pair{QEC_MCU_SET_CARD_STATUS, 2U}, {QEC_MCU_HEATER_TEST, 1U}}) {
+    for (const auto &[request, most] :
+         {std::pair{QEC_MCU_SET_CARD_STATUS, 2U}, std::pair{QEC_MCU_HEATER_TEST, 1U}}) {
         EXPECT_EQ(put(request, most), 0);
         EXPECT_EQ(put(request, most + 1), -EINVAL);
     }
