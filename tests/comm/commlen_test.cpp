@@ -259,6 +259,35 @@ TEST_F(Commlen, ChecksTheLinkItIsGiven) {
     EXPECT_EQ(second, link_);
 }
 
+// The controller that shipped boards have on their link.
+TEST(CommlenWithController, TellsGoodRepliesFromAllOthers) {
+    CommBench bench(tty("3", "peer = { kind = \"controller\", version = \"IRIS 9\" }", "usage = 26"),
+                    {.dir = "", .time_scale = kScale});
+    CommLen *link = nullptr;
+    ASSERT_EQ(CALL(*bench.library, QEL_commlenCreate)(&link), 0) << bench.log.all();
+    const auto ask = [&](uint8_t command, const std::string &payload) {
+        CommLenMsg record = message(command, payload);
+        const int status = CALL(*bench.library, QEL_commlenExchange)(link, &record, &record);
+        return status == 0 ? payload_of(record) : "no reply";
+    };
+    const auto answers = [&](const char *way) {
+        EXPECT_EQ(bench.board.poke(0, kNode, {"answer", way}).value, 0);
+    };
+    EXPECT_EQ(ask(1, ""), "IRIS 9");
+    EXPECT_EQ(ask(3, "\x80"), "\x80");
+    answers("twice");
+    EXPECT_EQ(ask(3, "\x10"), "\x10");
+    answers("once");
+    EXPECT_EQ(ask(3, "\x20"), "\x20");
+    answers("wrong");
+    EXPECT_EQ(ask(3, "\x30"), "no reply");
+    answers("late");  // 2.5 s after the request: while the next reader waits
+    EXPECT_EQ(ask(3, "\x40"), "no reply");
+    EXPECT_EQ(ask(3, "\x50"), "no reply");
+    answers("once");
+    EXPECT_EQ(ask(3, ""), "\x50");
+}
+
 TEST(CommlenWithoutPort, LoadsAndSaysThatThereIsNone) {
     CommBench bench(tty("3"));
     CommLen *link = nullptr;
