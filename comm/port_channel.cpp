@@ -4,6 +4,7 @@
 // Each request takes the microcontroller's device for its own time, so that a close in another thread
 // takes nothing away from it.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "comm/mcu_use.h"
@@ -24,7 +25,14 @@ bool is_gps(const QEL_ComManagePriv &priv) { return priv.gps != 0; }
 
 uint32_t channel_of(const QEL_ComManagePriv &priv) { return is_gps(priv) ? priv.gps : priv.channel; }
 
-bool is_unfit(const char *function, const void *buffer, uint32_t bytes) {
+bool is_closed(const char *function, QEL_ComManagePriv &priv) {
+    if (std::atomic_ref(priv.opens).load() > 0) return false;
+    QEL_ERROR_AS(function, "port%d is not open\n", priv.port);
+    return true;
+}
+
+bool is_unfit(const char *function, QEL_ComManagePriv &priv, const void *buffer, uint32_t bytes) {
+    if (is_closed(function, priv)) return true;
     if (buffer != nullptr && static_cast<int32_t>(bytes) > 0) return false;
     QEL_ERROR_AS(function, "para invalid buf=%p len=%d\n", buffer, static_cast<int>(bytes));
     return true;
@@ -66,6 +74,7 @@ int set_attribute(QEL_ComManagePriv &priv, const ComAttribute *attribute) {
         QEL_ERROR_AS(kFunction, "para pComAttrbute  is null\n");
         return OSA_EFAIL;
     }
+    if (is_closed(kFunction, priv)) return OSA_EFAIL;
     qel_mcu_uart_config config{channel_of(priv),  attribute->baud,     attribute->dataBits,
                                attribute->parity, attribute->stopBits, attribute->flowControl};
     const McuUse mcu;
@@ -74,7 +83,7 @@ int set_attribute(QEL_ComManagePriv &priv, const ComAttribute *attribute) {
 }
 
 int read(QEL_ComManagePriv &priv, void *buffer, uint32_t bytes) {
-    if (is_unfit("COMM_readForChannel", buffer, bytes)) return OSA_EFAIL;
+    if (is_unfit("COMM_readForChannel", priv, buffer, bytes)) return OSA_EFAIL;
     const McuUse mcu;
     qel_mcu_uart record{};
     record.length = bytes;
@@ -87,7 +96,7 @@ int read(QEL_ComManagePriv &priv, void *buffer, uint32_t bytes) {
 // Until the microcontroller has taken it all, or no more.
 int write(QEL_ComManagePriv &priv, const void *buffer, uint32_t bytes) {
     constexpr const char *kFunction = "COMM_writeForChannel";
-    if (is_unfit(kFunction, buffer, bytes)) return OSA_EFAIL;
+    if (is_unfit(kFunction, priv, buffer, bytes)) return OSA_EFAIL;
     if (is_gps(priv)) {
         QEL_ERROR_AS(kFunction, "port%d only reads\n", priv.port);
         return OSA_EFAIL;
@@ -110,6 +119,7 @@ int write(QEL_ComManagePriv &priv, const void *buffer, uint32_t bytes) {
 
 int purge(QEL_ComManagePriv &priv, uint32_t flag) {
     constexpr const char *kFunction = "COMM_purgeForChannel";
+    if (is_closed(kFunction, priv)) return OSA_EFAIL;
     if (flag == QEL_COM_DISCARD_OUTPUT) return 0;  // the microcontroller has what was written
     if (flag != QEL_COM_DISCARD_INPUT) {
         QEL_ERROR_AS(kFunction, "Unknow flag\n");

@@ -247,3 +247,43 @@ TEST(CommPort, OfAUsbAdapterTriesBothNodes) {
         EXPECT_EQ(shown(bench.board, node, "settings").substr(0, 6), "115200");
     }
 }
+
+TEST(CommPort, InsideTheMicrocontrollerLinkReachesTheFarSideOfItsChannel) {
+    for (const char *usage : {"24", "28", "31"}) {
+        CommBench bench(item("3", std::string("kind = 7\nusage = ") + usage) +
+                        "[chip.mcu]\nchannel = [{ number = " + usage + ", peer = { kind = \"echo\" } }]\n");
+        const Port port(bench, 3);
+        EXPECT_EQ(port.write("x"), -1) << "closed";
+        ASSERT_EQ(port.open(), 0) << usage;
+        const std::string sent = pattern(1300);  // more than a record holds
+        EXPECT_EQ(port.write(sent), 1300) << usage;
+        EXPECT_EQ(port.read(1300), sent) << usage;
+        EXPECT_EQ(port.write("stale"), 5);
+        EXPECT_EQ(port.read(1), "s");
+        EXPECT_EQ(port->purge(port.get(), QEL_COM_DISCARD_INPUT), 0);
+        EXPECT_EQ(port->purge(port.get(), QEL_COM_SUSPEND_OUTPUT), -1);
+        EXPECT_EQ(port.write("new"), 3);
+        EXPECT_EQ(port.read(3), "new");
+        EXPECT_EQ(port->close(port.get()), 0);
+        EXPECT_EQ(port.read(1), "") << "closed";
+    }
+}
+
+TEST(CommPort, OfSatellitePositionsOnlyReads) {
+    CommBench bench(item("3", "kind = 7\nusage = 4") + "[chip.mcu]\nchannel = [{ number = 4 }]\n");
+    const Port port(bench, 3);
+    ASSERT_EQ(port.open(), 0);
+    EXPECT_EQ(bench.board.poke(0, QEC_MCU_DEVICE, {"channel", "4", "send", "2447474741"}).value, 0);
+    EXPECT_EQ(port.read(5), "$GGGA");
+    EXPECT_EQ(port.write("x"), -1);
+    EXPECT_TRUE(bench.log.contains("): port3 only reads\n"));
+}
+
+TEST(CommPort, OnAChannelThatTheMicrocontrollerDoesNotCarryFails) {
+    CommBench bench(item("3", "kind = 7\nusage = 24") + "[chip.mcu]\n");
+    const Port port(bench, 3);
+    EXPECT_EQ(port->open(port.get()), 0);
+    char byte = 0;
+    EXPECT_EQ(port->read(port.get(), &byte, 1), -1);
+    EXPECT_EQ(port.write("x"), -1);
+}
