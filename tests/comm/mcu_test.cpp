@@ -350,9 +350,14 @@ TEST_F(Mcu, FetchesRawDataOnceASecondAtTheMost) {
     EXPECT_EQ(record.bytes, sizeof(bytes));
     EXPECT_EQ(bench_.log.count("[libqel] do nothing\n"), 1);
     poke({"raw", "send", "616263"});
-    const uint64_t before_ms = OSA_timeMs();
-    EXPECT_EQ(CALL(*bench_.library, QEL_McuGetData)(handle, &record), 0);
-    EXPECT_GE(OSA_timeMs() - before_ms, 1000u);
+    uint64_t taken_ms = 0;
+    bytes.fill('#');
+    for (int tries = 0; tries < 50 && bytes[0] == '#'; ++tries) {  // the line may take its time
+        const uint64_t before_ms = OSA_timeMs();
+        EXPECT_EQ(CALL(*bench_.library, QEL_McuGetData)(handle, &record), 0);
+        taken_ms = OSA_timeMs() - before_ms;
+    }
+    EXPECT_GE(taken_ms, 1000u);
     EXPECT_EQ(std::string(bytes.data(), record.bytes), "abc");
     EXPECT_EQ(CALL(*bench_.library, QEL_mcuDelete)(handle), 0);
 }
@@ -509,9 +514,9 @@ TEST(McuPort, CarriesRawBytesBothWays) {
     EXPECT_EQ(port->read(port, bytes.data(), bytes.size()), 0);
     EXPECT_EQ(bench.board.poke(0, kNode, {"raw", "send", "6B65793D35"}).value, 0);
     std::string got;
-    while (got.size() < 5) {
+    for (int tries = 0; tries < 100 && got.size() < 5; ++tries) {
         const int count = port->read(port, bytes.data(), bytes.size());
-        ASSERT_GT(count, 0) << bench.log.all();
+        ASSERT_GE(count, 0) << bench.log.all();
         got.append(bytes.data(), static_cast<size_t>(count));
     }
     EXPECT_EQ(got, "key=5");
