@@ -117,8 +117,8 @@ void *receive_frames(void *argument) {
 
 // ---- sending and waiting ----
 
-// `sequence` may be nullptr.
-int send(CommLen &link, const CommLenMsg &message, const char *function, int *sequence) {
+// `waiter`: who wants the reply, nullptr for whoever joins next.
+int send(CommLen &link, const CommLenMsg &message, const char *function, Waiter *waiter) {
     if (message.length > kMaxPayloadBytes) {
         QEL_ERROR_AS(function, "length %u is more than %zu\n", message.length, kMaxPayloadBytes);
         return OSA_EFAIL;
@@ -126,8 +126,7 @@ int send(CommLen &link, const CommLenMsg &message, const char *function, int *se
     std::array<uint8_t, kMaxFrameBytes> frame;
     const MutexLock lock(link.writing);
     const uint8_t number = link.numbers.next();
-    if (sequence != nullptr) *sequence = number;
-    link.waiters.note_request(message.command, number);
+    link.waiters.note_request(message.command, number, waiter);
     const size_t bytes = build({number, message.command, {message.payload, message.length}}, frame);
     const int written = link.port->write(link.port, frame.data(), static_cast<uint32_t>(bytes));
     if (written == static_cast<int>(bytes)) return 0;
@@ -253,7 +252,7 @@ int QEL_commlenExchange(CommLen *link, const CommLenMsg *request, CommLenMsg *re
     Waiter waiter;
     if (!is_link(link, request, __func__) || !is_link(link, reply, __func__)) return OSA_EFAIL;
     if (join(*link, reply->command, waiter, __func__) != 0) return OSA_EFAIL;
-    if (send(*link, *request, __func__, &waiter.request) == 0) return wait(*link, waiter, reply, __func__);
+    if (send(*link, *request, __func__, &waiter) == 0) return wait(*link, waiter, reply, __func__);
     link->waiters.leave(waiter);
     return OSA_EFAIL;
 }

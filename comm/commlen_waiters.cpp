@@ -25,7 +25,8 @@ int Waiters::create(const char *function) {
     if (mutex_.create() != 0) return OSA_EFAIL;
     const MutexLock lock(mutex_);
     requests_.fill(kNoRequest);
-    given_up_.fill({});
+    closed_.fill({});
+    replies_carry_numbers_ = true;
     for (size_t i = 0; i < slots_.size(); ++i) {
         if (OSA_semCreate(&slots_[i].arrived, kMostPosts, 0) == 0) continue;
         QEL_WARN_AS(function, "OSA_semCreate %d fail\n", static_cast<int>(i));
@@ -51,17 +52,37 @@ Waiters::Slot *Waiters::find_locked(uint8_t command) {
     return found != slots_.end() ? &*found : nullptr;
 }
 
-void Waiters::note_request(uint8_t command, uint8_t sequence) {
+void Waiters::note_request(uint8_t command, uint8_t sequence, Waiter *waiter) {
     const MutexLock lock(mutex_);
+    closed_[sequence].reset();
     requests_[command] = sequence;
-    given_up_[sequence].reset();
+    if (waiter != nullptr) waiter->request = sequence;
 }
 
 void Waiters::end_request_locked(const Waiter &waiter, bool answered) {
     if (waiter.request == kNoRequest) return;
     const uint8_t command = waiter.reply.command;
-    if (!answered) given_up_[static_cast<size_t>(waiter.request)].set(command);
+    if (!answered) closed_[static_cast<size_t>(waiter.request)].set(command);
     if (requests_[command] == waiter.request) requests_[command] = kNoRequest;
+}
+
+// One frame per number: were we wrong about the controller, the next one is taken and teaches us better.
+bool Waiters::is_unwanted_locked(const Frame &frame) {
+    std::bitset<kCodes> &closed = closed_[frame.sequence];
+    const bool unwanted = replies_carry_numbers_ && closed.test(frame.command);
+    if (unwanted) closed.reset(frame.command);
+    return unwanted;
+}
+
+void Waiters::learn_locked(const Slot &slot, const Frame &frame) {
+    bool asked = false;
+    for (const Waiter *waiter = slot.first; waiter != nullptr; waiter = waiter->next) {
+        asked = asked || waiter->request != kNoRequest;
+        if (waiter->request != frame.sequence) continue;
+        replies_carry_numbers_ = true;
+        return;
+    }
+    if (asked) replies_carry_numbers_ = false;
 }
 
 bool Waiters::join(uint8_t command, Waiter &waiter) {
@@ -129,15 +150,13 @@ void Waiters::deliver(const Frame &frame) {
     OSA_SemHandle arrived = nullptr;
     {
         const MutexLock lock(mutex_);
-        std::bitset<kCodes> &given_up = given_up_[frame.sequence];
-        if (given_up.test(frame.command)) {
-            given_up.reset(frame.command);
-            return;
-        }
         Slot *slot = find_locked(frame.command);
-        Waiter *waiter = slot != nullptr ? slot->first : nullptr;
+        if (slot == nullptr || is_unwanted_locked(frame)) return;
+        Waiter *waiter = slot->first;
         while (waiter != nullptr && waiter->served) waiter = waiter->next;
         if (waiter == nullptr) return;
+        learn_locked(*slot, frame);
+        closed_[frame.sequence].set(frame.command);
         std::ranges::copy(frame.payload, waiter->reply.payload);
         waiter->reply.length = static_cast<uint8_t>(frame.payload.size());
         waiter->served = true;

@@ -26,10 +26,8 @@ public:
     int create(const char *function);
     int destroy();
 
-    // A request of this number goes out. A reply that carries it although its reader has given up is late
-    // and for nobody. Controllers that number their frames on their own lose one now and then by that, as
-    // on a bad line; most answer with the number of the request.
-    void note_request(uint8_t command, uint8_t sequence);
+    // A request of this number goes out, for a waiter or for whoever joins next.
+    void note_request(uint8_t command, uint8_t sequence, Waiter *waiter);
     // From now on a frame of this code is kept for the waiter. False: too many codes are waited for.
     bool join(uint8_t command, Waiter &waiter);
     // Waits for the frame and leaves. False: none came in time.
@@ -37,7 +35,8 @@ public:
     // Leaves without waiting.
     void leave(Waiter &waiter);
 
-    // Keeps the frame for the waiter that came first of those who have none; dropped without one.
+    // Keeps the frame for the waiter that came first of those who have none; dropped without one, and when
+    // it answers a request that has been answered or given up.
     void deliver(const Frame &frame);
 
 private:
@@ -49,17 +48,21 @@ private:
     };
 
     Slot *find_locked(uint8_t command) QEL_REQUIRES(mutex_);
+    bool is_unwanted_locked(const Frame &frame) QEL_REQUIRES(mutex_);
+    void learn_locked(const Slot &slot, const Frame &frame) QEL_REQUIRES(mutex_);
     void end_request_locked(const Waiter &waiter, bool answered) QEL_REQUIRES(mutex_);
     void leave_locked(Slot &slot, Waiter &waiter) QEL_REQUIRES(mutex_);
 
     Mutex mutex_;
     std::array<Slot, QEL_COMMLEN_CODES_MAX> slots_ QEL_GUARDED_BY(mutex_) = {};
 
-    static constexpr size_t kCodes = 256;
     // By command code: the last request, unless somebody has its reply.
+    static constexpr size_t kCodes = 256;
     std::array<int16_t, kCodes> requests_ QEL_GUARDED_BY(mutex_) = {};
-    // By the request's number: the codes of the replies that nobody waits for any more.
-    std::array<std::bitset<kCodes>, 256> given_up_ QEL_GUARDED_BY(mutex_) = {};
+    // By number, until it is used again: the codes of replies that nobody wants any more. Counts only while
+    // replies carry the numbers of their requests: some controllers count on their own.
+    std::array<std::bitset<kCodes>, 256> closed_ QEL_GUARDED_BY(mutex_) = {};
+    bool replies_carry_numbers_ QEL_GUARDED_BY(mutex_) = true;
 };
 
 }  // namespace qel::commlen

@@ -48,9 +48,10 @@ QEL_API int QEL_commlenWrite(CommLen *link, const CommLenMsg *message);
 /*
  * Waits for a frame with the command code in `message`, at most QEL_COMMLEN_TIMEOUT_MS, and puts its
  * payload and length there. A frame that comes while nobody waits for its code is dropped, as is one with
- * the number of a request whose reader has given up: a reply that comes too late never answers a later
- * read. A reply that is there before the read has begun is lost too: see QEL_commlenExchange. Of several
- * threads that wait for one code each gets a frame of its own. After a failure the message is as it was.
+ * the number of a request that has been answered or given up: what comes late or twice never answers a
+ * later read. A reply that is there before the read has begun is lost too: see QEL_commlenExchange. Of
+ * several threads that wait for one code each gets a frame of its own. After a failure the message is as
+ * it was.
  */
 QEL_API int QEL_commlenRead(CommLen *link, CommLenMsg *message);
 

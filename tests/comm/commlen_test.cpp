@@ -160,6 +160,22 @@ TEST_F(Commlen, DoesNotTakeALateReplyForTheNextOne) {
     EXPECT_EQ(exchange(message(0x42, "third")), "third");
 }
 
+// Numbers of its own, ahead of ours, behind them or always the same: no reply but the first may get lost.
+TEST_F(Commlen, HearsControllersThatCountOnTheirOwn) {
+    std::atomic<int> step{1};
+    std::atomic<int> number{250};
+    answer([&](const Heard &heard) {
+        number += step;
+        return frame(heard.command, heard.payload, static_cast<uint8_t>(number));
+    });
+    for (const int one : {1, 0, -1}) {
+        step = one;
+        int lost = 0;
+        for (int i = 0; i < 300; ++i) lost += exchange(message(0x43, std::to_string(i))) != std::to_string(i);
+        EXPECT_LE(lost, 2) << "step " << one;
+    }
+}
+
 TEST_F(Commlen, KeepsNoSecondReplyForTheNextReader) {
     answer([](const Heard &heard) { return echo(heard) + frame(heard.command, "again"); });
     for (int i = 0; i < 20; ++i) {
