@@ -58,10 +58,12 @@ int wait_readable(const LineUse &use, const LineOperations &operations, const Co
 
 ssize_t take(const LineUse &use, const LineOperations &operations, const ComIoParam &request,
              uint32_t discards_before) {
+    // Nobody has looked whether there is something: where the line blocks, so does this.
+    if (request.timeoutMs == 0) return operations.read(use.fd(), request);
     Slot &slot = use.slot();
     const MutexLock lock(slot.take_mutex);
     // What was there may be gone: reading would wait, and keep everybody else off the line.
-    if (slot.discards != discards_before && request.timeoutMs != 0) return -EAGAIN;
+    if (slot.discards != discards_before) return -EAGAIN;
     return operations.read(use.fd(), request);
 }
 
@@ -252,6 +254,7 @@ int receive(const char *function, const LineUse &use, const LineOperations &oper
     request.length = 0;
     const TimeLeft left(wanted.timeoutMs);
     const int turn = become_reader(use, left);
+    if (turn < 0) QEL_ERROR_AS(function, "select  error !!\n");
     if (turn <= 0) return turn == 0 && wanted.timeoutMs != 0 ? QEL_ETIMEOUT : OSA_EFAIL;
     const int status = receive_as_reader(function, use, operations, request, wanted, left);
     OSA_semPost(use.slot().reader);
@@ -269,25 +272,22 @@ int send_frame(const char *function, const LineUse &use, const LineOperations &o
     const SetDirection direction = use.direction();
     if (direction != nullptr && direction(slot.port, kTransmit) != 0) return OSA_EFAIL;
     OSA_sleepMs(kTransmitLead_ms);
-    const ssize_t written = operations.write(use.fd(), wanted);
-    if (written > 0) {
-        request.length = static_cast<uint32_t>(written);
-        const int empty = operations.wait_empty(use, static_cast<size_t>(written), wanted.timeoutMs);
-        if (empty == 0) {
+    ssize_t result = operations.write(use.fd(), wanted);
+    if (result > 0) {
+        request.length = static_cast<uint32_t>(result);
+        result = operations.wait_empty(use, static_cast<size_t>(result), wanted.timeoutMs);
+        if (result == 0) {
             // Turning round now would cut the frame off.
             QEL_ERROR_AS(function, "wait timeout! fd = %d\n", use.fd());
             return QEL_ETIMEOUT;
         }
-        if (empty < 0)
-            QEL_WARN_AS(function, "port %u: no telling when the line is empty, errno=%d\n", slot.port,
-                        -empty);
     }
     const int turned = direction != nullptr ? direction(slot.port, kReceive) : 0;
-    if (written < 0) {
+    if (result < 0) {
         QEL_ERROR_AS(function, "write failed\n");
-        return written == -ETIMEDOUT ? QEL_ETIMEOUT : OSA_EFAIL;
+        return result == -ETIMEDOUT ? QEL_ETIMEOUT : OSA_EFAIL;
     }
-    return turned == 0 ? 0 : OSA_EFAIL;
+    return turned;
 }
 
 }  // namespace qel::comm

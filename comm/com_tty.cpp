@@ -58,7 +58,8 @@ int watch_line_status(const LineUse &use, size_t bytes, int32_t timeout_ms) {
         if (got < 0) return got;
         if ((status & TIOCSER_TEMT) != 0) return 1;
         if (left.is_over()) return 0;
-        if (use.is_over()) return -EBADF;
+        // A frame that is going out is not cut off by a close.
+        if (timeout_ms < 0 && OSA_timeMs() > end_ms + kWatchAfter_ms && use.is_over()) return -EBADF;
         pause_until_empty(end_ms);
     }
 }

@@ -232,6 +232,23 @@ TEST(ComAttributes, ReachTheLineAndComeBack) {
     EXPECT_TRUE(bench.log.contains("): para pComAttrbute  is null\n"));
 }
 
+TEST(ComAttributes, AreThoseThatSttySees) {
+    CommBench bench(tty("1"));
+    const Com com(bench, kRs232Port1);
+    ASSERT_EQ(com.open(), 0);
+    const ComAttribute wanted{19200, 8, 0, QEL_COM_TWO_STOP_BITS, 0};
+    ASSERT_EQ(CALL(*bench.library, QEL_comSetAttribute)(com.handle, &wanted), 0);
+    const std::string command = "stty -a -F " + shown(bench.board, "/dev/ttyS1", "terminal");
+    std::FILE *stty = popen(command.c_str(), "r");
+    ASSERT_NE(stty, nullptr);
+    std::string told(4096, '\0');
+    told.resize(std::fread(told.data(), 1, told.size(), stty));
+    EXPECT_EQ(pclose(stty), 0);
+    for (const char *setting :
+         {"speed 19200 baud", " cstopb", "-icanon", "-echo ", "-opost", "-ixon", "min = 1"})
+        EXPECT_NE(told.find(setting), std::string::npos) << setting << " in\n" << told;
+}
+
 TEST(ComRead, WaitsAsLongAsItIsTold) {
     constexpr unsigned kScale = 10;
     CommBench bench(tty("1"), {.dir = "", .time_scale = kScale});
