@@ -30,6 +30,7 @@ public:
     virtual uint32_t chip_count() const = 0;
     virtual Chip *chip(uint32_t number) = 0;  // nullptr: no such chip
     virtual int64_t now_us() const = 0;
+    virtual uint32_t time_scale() const = 0;
     virtual void changed() = 0;
     virtual void misuse(const std::string &text) = 0;
     virtual void event(const std::string &text) = 0;
@@ -64,6 +65,9 @@ public:
     // Monotonic time of the board, already multiplied by its time scale.
     int64_t now_ms() const { return host_.now_us() / 1000; }
     int64_t now_us() const { return host_.now_us(); }
+    // The moment, of that time, `ms` milliseconds of the host's clock from now: for looking again at
+    // something of the host.
+    int64_t in_host_ms(int64_t ms) const { return now_us() + ms * 1000 * host_.time_scale(); }
 
     // Something changed that a waiting request or a poll may be waiting for.
     void changed() { host_.changed(); }

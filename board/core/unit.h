@@ -23,7 +23,7 @@ public:
 
     const std::string &name() const { return name_; }
     const std::string &summary() const { return summary_; }
-    uint32_t time_scale() const { return time_scale_; }
+    uint32_t time_scale() const override { return time_scale_; }
 
     uint32_t add_client(uint32_t chip, uint32_t pid, const std::string &process);
     void rename_client(uint32_t client, uint32_t pid);

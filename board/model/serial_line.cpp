@@ -10,11 +10,12 @@ namespace qel::board {
 
 namespace {
 
-constexpr size_t kMostWaiting = 65536;  // bytes on their way before the sender is held up
+constexpr size_t kMostWaiting = 65536;   // bytes on their way before the sender is held up
+constexpr size_t kMostUnread = 1 << 20;  // towards a host that does not read; of more the newest are lost
 constexpr size_t kFramesKept = 8;
 constexpr int64_t kMostBaud = 4'000'000;
 // A timed line is not served for every single byte.
-constexpr int64_t kServeEvery_us = 2000;
+constexpr int64_t kServeEvery_ms = 2;  // of the host's clock
 
 void append(Buffer &to, Bytes bytes) { to.insert(to.end(), bytes.begin(), bytes.end()); }
 
@@ -134,7 +135,8 @@ void SerialLine::send_due_messages() {
 }
 
 void SerialLine::put_on_wire(Bytes bytes) {
-    if (!open_ || driver_on()) {
+    const bool overrun = undelivered_.size() + to_host_.waiting() + bytes.size() > kMostUnread;
+    if (!open_ || overrun || driver_on()) {
         unheard_bytes_ += static_cast<int64_t>(bytes.size());
         if (!driver_on() || to_peer_.is_silent(now_us())) return;
         ++collisions_;
@@ -210,7 +212,8 @@ void SerialLine::run(std::span<const pollfd> ready, RunnerWaits &waits) {
 void SerialLine::wait(RunnerWaits &waits) const {
     for (const SerialWire *wire : {&to_peer_, &to_host_}) {
         if (!wire->is_empty())
-            waits.wake_at(std::min(wire->last_arrival_us(), wire->next_arrival_us() + kServeEvery_us));
+            waits.wake_at(std::clamp(chip_.in_host_ms(kServeEvery_ms), wire->next_arrival_us(),
+                                     wire->last_arrival_us()));
     }
     if (was_busy_) waits.wake_at(to_peer_.silent_us());
     if (!messages_.empty() && !(polite_ && driver_on())) waits.wake_at(messages_.front().at_us);

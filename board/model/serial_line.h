@@ -65,6 +65,7 @@ public:
     void send(Bytes bytes, int64_t after_us) override;
     bool takes_more() const override;
     int64_t now_us() const override { return chip_.now_us(); }
+    int64_t in_host_ms(int64_t ms) const override { return chip_.in_host_ms(ms); }
 
     // ---- Runner ----
     void run(std::span<const pollfd> ready, RunnerWaits &waits) override;

@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;  // the host's
 // What a process wrote comes out at our end within this time of the host's clock; what does not was discarded
 // by somebody's flush.
 constexpr auto kLongestWay = std::chrono::milliseconds(300);
-constexpr int64_t kLookEvery_us = 10'000;
+constexpr int64_t kLookEvery_ms = 10;
 
 SerialFormat format_of(const TermSettings &settings, const SerialFormat &before) {
     SerialFormat format;
@@ -137,7 +137,7 @@ void Tty::wait(RunnerWaits &waits) {
     if (pty_ == nullptr) return;
     const int events = (line_.takes_more_from_host() ? POLLIN : 0) | (line_.has_undelivered() ? POLLOUT : 0);
     if (events != 0) waits.watch(pty_->fd(), static_cast<short>(events));
-    if (draining_ && missing_since_) waits.wake_at(chip().now_us() + kLookEvery_us);
+    if (draining_ && missing_since_) waits.wake_at(chip().in_host_ms(kLookEvery_ms));
 }
 
 void Tty::note_written(const Handle &handle, Bytes in) {

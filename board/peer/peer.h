@@ -27,6 +27,7 @@ public:
     // Whether the line takes more at once; a peer that reads from elsewhere stops when not.
     virtual bool takes_more() const = 0;
     virtual int64_t now_us() const = 0;
+    virtual int64_t in_host_ms(int64_t ms) const = 0;  // as of Chip
 };
 
 class Peer {

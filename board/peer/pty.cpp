@@ -12,8 +12,8 @@ namespace {
 
 constexpr size_t kChunkBytes = 4096;
 constexpr size_t kMostUnread = 65536;
-// How often to look whether a program has come, in the board's time.
-constexpr int64_t kLookEvery_us = 10'000;
+// How often to look whether a program has come.
+constexpr int64_t kLookEvery_ms = 10;
 
 class PtyPeer final : public Peer {
 public:
@@ -96,7 +96,7 @@ void PtyPeer::run(std::span<const pollfd>, RunnerWaits &waits) {
     const int events = (port().takes_more() ? POLLIN : 0) | (unread_.empty() ? 0 : POLLOUT);
     // One that nobody has open reports that without end.
     if (!somebody)
-        waits.wake_at(port().now_us() + kLookEvery_us);
+        waits.wake_at(port().in_host_ms(kLookEvery_ms));
     else if (events != 0)
         waits.watch(pty_->fd(), static_cast<short>(events));
 }

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "tests/board/serial_bench.h"
+#include "tests/support/library.h"
 
 using namespace qel::test;
 
@@ -30,6 +31,31 @@ TEST(SerialTty, MovesAMegabyteThroughAnEcho) {
     const std::string got = host.read(sent.size());
     writer.join();
     EXPECT_TRUE(got == sent) << "of " << sent.size() << " bytes " << got.size() << " came back";
+}
+
+TEST(SerialTty, ExchangesAMegabyteWithSocat) {
+    if (system("socat -V > /dev/null 2>&1") != 0) GTEST_SKIP() << "no socat on this machine";
+    OnBoard here("[chip.misc]\n" + tty("1"));
+    const Terminal host("/dev/ttyS1");
+    const std::string path = shown(here.board, "/dev/ttyS1", "far end");
+    const pid_t socat = fork_child();
+    if (socat == 0) {
+        execlp("socat", "socat", (path + ",rawer").c_str(), "PIPE", nullptr);
+        _exit(127);
+    }
+    // Until it has come: what is said before is for nobody.
+    int said = 0;
+    do {
+        EXPECT_TRUE(host.write("?"));
+        ++said;
+    } while (!host.wait_readable(50) && said < 400);
+    while (host.wait_readable(200)) host.read(1);
+    const std::string sent = pattern(1 << 20);
+    std::thread writer([&] { EXPECT_TRUE(host.write(sent)); });
+    EXPECT_TRUE(host.read(sent.size()) == sent);
+    writer.join();
+    kill(socat, SIGTERM);
+    EXPECT_GE(wait_for_child(socat, 10000), 0);
 }
 
 TEST(SerialTty, LosesWhatArrivesWhileNobodyHasItOpen) {
