@@ -302,8 +302,10 @@ TEST(ComRead, GivesEachByteToOneOfSeveralReadersAndKeepsTheOthersTimeouts) {
     const FarEnd far(bench.board, "/dev/ttyS3");
     std::atomic<int> served = 0;
     std::atomic<int> over = 0;
+    constexpr int kReaders = 6;
     std::vector<std::thread> readers;
-    for (int i = 0; i < 6; ++i) {
+    readers.reserve(kReaders);
+    for (int i = 0; i < kReaders; ++i) {
         readers.emplace_back([&] {
             char bytes[16];
             ComIoParam request{bytes, sizeof bytes, 700};
@@ -313,7 +315,7 @@ TEST(ComRead, GivesEachByteToOneOfSeveralReadersAndKeepsTheOthersTimeouts) {
     }
     EXPECT_TRUE(far.write("one"));
     for (std::thread &reader : readers) reader.join();
-    EXPECT_EQ(served + over, 6);
+    EXPECT_EQ(served + over, kReaders);
     EXPECT_GE(served, 1);
     EXPECT_LE(served, 3);
 }

@@ -2,6 +2,8 @@
 #include <dirent.h>
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <thread>
 
 #include "tests/comm/port_bench.h"
@@ -34,6 +36,7 @@ int open_descriptors() {
 void run_threads(const std::function<void(uint32_t port, int thread)> &once) {
     const auto end = std::chrono::steady_clock::now() + kDuration;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&, i] {
             while (std::chrono::steady_clock::now() < end) once(static_cast<uint32_t>(i) % kPorts, i);
@@ -47,6 +50,7 @@ void run_threads(const std::function<void(uint32_t port, int thread)> &once) {
 TEST(PortThreads, ThatShareOpenPortsNeverFail) {
     CommBench bench(ten_ports(), {.dir = "", .time_scale = 20});
     std::vector<std::unique_ptr<Port>> held;
+    held.reserve(kPorts);
     for (uint32_t port = 0; port < kPorts; ++port) {
         held.push_back(std::make_unique<Port>(bench, port));
         ASSERT_EQ(held.back()->open(), 0);
