@@ -10,7 +10,7 @@
  * |--------------------------|---------------------------------------------------------------------|
  * | port map, caps           | for the driver, which answers at once                                 |
  * | open                     | for another open, and for a frame being sent on an RS-485 line        |
- * | setAttribute             | 30 ms, for the line to settle                                         |
+ * | setAttribute             | 30 ms, for the line to settle, and for a frame being sent             |
  * | read of a port           | at most 500 ms; of the device layers: as long as the request says     |
  * | write of a port          | at most 2 s; of the device layers: as long as the request says        |
  * | close, release           | not at all: a request under way in another thread ends by itself      |
