@@ -45,14 +45,15 @@ const std::string kController = "kind = \"controller\", version = \"V7\"";
 }  // namespace
 
 TEST(SerialPeer, AScriptAnswersWhatItExpectsAndStopsAtAnythingElse) {
-    Bench bench(
-        "kind = \"script\", script = [\"reply \\\"hi\\\\r\\\"\", \"expect AA .. 02\", \"wait 30\", \"reply "
-        "55 66\", "
-        "\"expect \\\"bye\\\"\"]");
-    EXPECT_EQ(bench.host.read(3), "hi\r");
-    EXPECT_EQ(bench.exchange("\xAA\x77\x02", 2), "\x55\x66");
-    EXPECT_EQ(bench.exchange("bye", 3), "hi\r") << "from the start";
-    EXPECT_TRUE(bench.comes_to_show("script rounds", "1"));
+    const Bench bench(
+        "kind = \"script\", script = [\"expect AA .. 02\", \"wait 30\", \"reply 55 66\", \"expect "
+        "\\\"bye\\\"\", "
+        "\"reply \\\"hi\\\\r\\\"\"]");
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(bench.exchange("\xAA\x77\x02", 2), "\x55\x66");
+        EXPECT_EQ(bench.exchange("bye", 3), "hi\r");
+    }
+    EXPECT_TRUE(bench.comes_to_show("script rounds", "2"));
     EXPECT_TRUE(bench.host.write("\xAA\x77\x03more"));
     EXPECT_TRUE(bench.comes_to_show("unexpected bytes", "5"));
     EXPECT_EQ(bench.shows("script"), "stopped at expect AA .. 02: byte 3 was 03");
@@ -60,16 +61,14 @@ TEST(SerialPeer, AScriptAnswersWhatItExpectsAndStopsAtAnythingElse) {
 
 TEST(SerialPeer, ASessionIsReplayedAsItWasRecorded) {
     const Bench bench(
-        "kind = \"recording\", session = [\"0 < 01\", \"100 > \\\"ab\\\"\", \"130 < 02 03\", \"150 < 04\", "
-        "\"900 > 07\", "
+        "kind = \"recording\", session = [\"100 > \\\"ab\\\"\", \"130 < 02 03\", \"150 < 04\", \"900 > 07\", "
         "\"901 < 08\"]");
-    EXPECT_EQ(bench.host.read(1), "\x01");
     const int64_t before_ms = bench.here.board.now_ms();
     EXPECT_EQ(bench.exchange("ab", 3), "\x02\x03\x04");
     EXPECT_GE(bench.here.board.now_ms() - before_ms, 50);
     EXPECT_EQ(bench.exchange("\x09", 1), "\x08") << "another byte than then goes on all the same";
     EXPECT_EQ(bench.shows("bytes that differ"), "1");
-    EXPECT_EQ(bench.shows("session"), "6 of 6");
+    EXPECT_EQ(bench.shows("session"), "5 of 5");
 }
 
 TEST(SerialPeer, ADescriptionOfAPeerThatIsWrongNamesTheKey) {
