@@ -164,7 +164,12 @@ ssize_t board_read(int fd, void *buffer, size_t bytes) {
 
 ssize_t board_write(int fd, const void *buffer, size_t bytes) {
     const Descriptor descriptor = find_descriptor(fd);
-    if (descriptor.handle == 0 || descriptor.is_tty) return kernel().write(fd, buffer, bytes);
+    if (descriptor.handle == 0) return kernel().write(fd, buffer, bytes);
+    if (descriptor.is_tty) {
+        const ssize_t written = kernel().write(fd, buffer, bytes);
+        if (written > 0) count_written(fd, static_cast<uint64_t>(written));
+        return written;
+    }
     if (buffer == nullptr && bytes > 0) return -EFAULT;
     Call call(Op::kWrite, descriptor);
     const auto *first = static_cast<const uint8_t *>(buffer);
@@ -325,10 +330,17 @@ int board_rename(const char *from, const char *to) {
 // ---- terminals: the pty does the work, the board is told ----
 
 // True: this descriptor is a line of the board, and `call` asks for it.
-bool report_term(const Descriptor &descriptor, TermOp op, int64_t offset, Call &call) {
+bool report_term(int fd, const Descriptor &descriptor, TermOp op, int value, Call &call) {
+    const uint64_t written = written_bytes(fd);
+    const TermAction action{.written_low = static_cast<uint32_t>(written),
+                            .written_high = static_cast<uint32_t>(written >> 32),
+                            .value = static_cast<uint32_t>(value)};
     call.request.handle = descriptor.handle;
+    call.request.nonblocking = false;  // of reads and writes, not of these
     call.request.code = static_cast<uint32_t>(op);
-    call.request.offset = offset;
+    call.request.offset = value;
+    const auto *first = reinterpret_cast<const uint8_t *>(&action);
+    call.request.in.assign(first, first + sizeof(action));
     return descriptor.handle != 0;
 }
 
@@ -337,7 +349,7 @@ int board_term_get(int fd, termios *out) {
     if (descriptor.handle != 0 && !descriptor.is_tty) return -ENOTTY;
     const int result = kernel().term_get(fd, out);
     Call call(Op::kTerm);
-    if (result < 0 || !report_term(descriptor, TermOp::kGet, 0, call)) return result;
+    if (result < 0 || !report_term(fd, descriptor, TermOp::kGet, 0, call)) return result;
     // What a pty cannot hold (data bits, parity), the board remembers.
     TermSettings kept{};
     if (call.run() < 0 || call.reply.out.size() != sizeof(kept)) return result;
@@ -352,7 +364,7 @@ int board_term_set(int fd, int when, const termios *settings) {
     if (descriptor.handle != 0 && !descriptor.is_tty) return -ENOTTY;
     const int result = kernel().term_set(fd, when, settings);
     Call call(Op::kTerm);
-    if (result < 0 || !report_term(descriptor, TermOp::kSet, when, call)) return result;
+    if (result < 0 || !report_term(fd, descriptor, TermOp::kSet, when, call)) return result;
     const TermSettings made{.input_flags = settings->c_iflag,
                             .output_flags = settings->c_oflag,
                             .control_flags = settings->c_cflag & ~static_cast<tcflag_t>(CBAUD),
@@ -371,7 +383,7 @@ int term_action(int fd, TermOp op, int value, Kernel act) {
     if (descriptor.handle != 0 && !descriptor.is_tty) return -ENOTTY;
     const int result = act();
     Call call(Op::kTerm);
-    if (result < 0 || !report_term(descriptor, op, value, call)) return result;
+    if (result < 0 || !report_term(fd, descriptor, op, value, call)) return result;
     return static_cast<int>(std::min<int64_t>(call.run(), 0));
 }
 
@@ -391,7 +403,7 @@ int board_line_status(int fd, uint32_t *out) {
     const Descriptor descriptor = find_descriptor(fd);
     if (descriptor.handle == 0) return kernel().line_status(fd, out);
     Call call(Op::kTerm);
-    report_term(descriptor, TermOp::kLineStatus, 0, call);
+    report_term(fd, descriptor, TermOp::kLineStatus, 0, call);
     const int64_t value = call.run();
     if (value < 0) return static_cast<int>(value);
     if (call.reply.out.size() != sizeof(*out)) return -EIO;

@@ -109,6 +109,11 @@ void Chip::record_event(const std::string &text) {
     host_.event("chip " + std::to_string(number_) + ": " + text);
 }
 
+LineFault Chip::line_fault(const Device &device, bool to_host) {
+    const Node *node = find_node(device.node());
+    return node != nullptr ? host_.line_fault(*node, to_host) : LineFault{};
+}
+
 size_t Chip::medium_write(const Device &device, size_t bytes) {
     const Node *node = find_node(device.node());
     return node != nullptr ? host_.medium_write(*node, bytes) : bytes;

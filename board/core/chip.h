@@ -10,6 +10,8 @@
 
 #include "board/core/description.h"
 #include "board/core/device.h"
+#include "board/core/fault.h"
+#include "board/core/runner.h"
 #include "board/core/tree.h"
 
 namespace qel::board {
@@ -28,10 +30,15 @@ public:
     virtual uint32_t chip_count() const = 0;
     virtual Chip *chip(uint32_t number) = 0;  // nullptr: no such chip
     virtual int64_t now_us() const = 0;
+    virtual uint32_t time_scale() const = 0;
     virtual void changed() = 0;
     virtual void misuse(const std::string &text) = 0;
     virtual void event(const std::string &text) = 0;
     virtual size_t medium_write(const Node &node, size_t bytes) = 0;
+    virtual bool has_faults() const = 0;
+    virtual LineFault line_fault(const Node &node, bool to_host) = 0;
+    virtual void add_runner(Runner &runner) = 0;
+    virtual void wake_runners() = 0;
 };
 
 class Chip {
@@ -58,6 +65,9 @@ public:
     // Monotonic time of the board, already multiplied by its time scale.
     int64_t now_ms() const { return host_.now_us() / 1000; }
     int64_t now_us() const { return host_.now_us(); }
+    // The moment, of that time, `ms` milliseconds of the host's clock from now: for looking again at
+    // something of the host.
+    int64_t in_host_ms(int64_t ms) const { return now_us() + ms * 1000 * host_.time_scale(); }
 
     // Something changed that a waiting request or a poll may be waiting for.
     void changed() { host_.changed(); }
@@ -68,6 +78,13 @@ public:
     // A model calls it before it changes what outlives a power cut: how many of the bytes, from the
     // start, reach the medium. Fewer than asked when the power is cut here; then finish and return.
     size_t medium_write(const Device &device, size_t bytes);
+    // What becomes of a byte that goes over the device's serial line, for one byte after the other.
+    LineFault line_fault(const Device &device, bool to_host);
+    bool has_faults() const { return host_.has_faults(); }
+    // From the device's constructor, for one that lives as long as the board: see runner.h. Nothing runs
+    // before the first wake_runners(); later calls make it run soon.
+    void add_runner(Runner &runner) { host_.add_runner(runner); }
+    void wake_runners() { host_.wake_runners(); }
 
     // How the machine answers what is recorded only ([chip.machine]).
     struct Machine {

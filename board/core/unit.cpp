@@ -425,6 +425,23 @@ size_t Unit::medium_write(const Node &node, size_t bytes) {
     return reached;
 }
 
+LineFault Unit::line_fault(const Node &node, bool to_host) {
+    LineFault fault;
+    for (Fault &known : faults_) strike_byte(known, node.device->chip().number(), node.path, to_host, fault);
+    return fault;
+}
+
+void Unit::run_runners(RunnerWaits &waits) {
+    RunnerWaits next;
+    for (size_t i = 0; i < runners_.size(); ++i) {
+        const size_t begin = waits.begin_of(i);
+        const std::span<const pollfd> mine(waits.fds.data() + begin, waits.begin_of(i + 1) - begin);
+        next.begins.push_back(next.fds.size());
+        if (!powerless_) runners_[i]->run(mine, next);
+    }
+    waits = std::move(next);
+}
+
 // ---- the tester's face ----
 
 Answer Unit::poke(uint32_t number, std::string_view node, const std::vector<std::string> &words) {
@@ -453,6 +470,7 @@ void Unit::power_on() {
     for (const uint32_t id : all) close_handle(id);
     powerless_ = false;
     for (const auto &chip : chips_) chip->power_on();
+    wake_runners();
 }
 
 std::string Unit::state_file(const Chip &chip, const Node &node) const {

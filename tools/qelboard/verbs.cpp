@@ -26,8 +26,9 @@ constexpr const char *kFaultHelp = R"(A fault is one line:
   [chip N] [NODE] power-cut at N [torn BYTES]
   [chip N] step NAME fail                              of `run` only: a step of the library's chains
     OPERATION  open close read write seek ioctl map term stat list mkdir remove rename umount run
-               reboot, or *
+               reboot, or *; line[:in|:out] for the bytes on a serial line
     ACTION     fail ERRNO | short BYTES | flip BIT[,BIT...] | delay MS
+               of a line: lose | double | flip BIT[,BIT...] | delay MS | hang-up
     WHEN       at N | at N..M | from N | every N, counted from now; missing: always)";
 
 void add_board_options(CLI::App &verb, BoardChoice &choice) {

@@ -1,0 +1,11 @@
+// scm.h - lines that one port has to itself: of the secondary controller and of the SPI bridge.
+#pragma once
+
+#include "qel/serial.h"
+
+namespace qel::comm {
+
+// The line "PREFIX<port>"; nullptr without memory. `prefix` stays the caller's.
+ScmHandle create_own_line(const char *prefix, uint32_t port);
+
+}  // namespace qel::comm
