@@ -15,9 +15,9 @@ namespace {
 using Octets = std::vector<uint8_t>;
 
 Octets block_of(const std::string &content, size_t bytes = 64, uint8_t rest = 0) {
-    Octets block(bytes, rest);
-    std::copy(content.begin(), content.end(), block.begin() + kCrcBytes);
-    return block;
+    std::string block = std::string(kCrcBytes, static_cast<char>(rest)) + content;
+    block.resize(bytes, static_cast<char>(rest));
+    return {block.begin(), block.end()};
 }
 
 std::string operator""_z(const char *text, size_t length) { return {text, length}; }

@@ -18,7 +18,7 @@ namespace qel::test {
 
 struct Part {
     const char *name;
-    std::string keys;  // further lines of its table; 64 KiB long unless they say so
+    std::string keys = {};  // further lines of its table; 64 KiB long unless they say so
 };
 
 constexpr const char *kSmallNand = "kind = 'nand'\nerase_bytes = 0x4000\npage_bytes = 0x200\n";
