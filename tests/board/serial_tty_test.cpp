@@ -34,7 +34,7 @@ TEST(SerialTty, MovesAMegabyteThroughAnEcho) {
 }
 
 TEST(SerialTty, ExchangesAMegabyteWithSocat) {
-    if (system("socat -V > /dev/null 2>&1") != 0) GTEST_SKIP() << "no socat on this machine";
+    if (system("socat -V > /dev/null 2>&1") != 0) GTEST_SKIP() << "this machine has no socat";
     OnBoard here("[chip.misc]\n" + tty("1"));
     const Terminal host("/dev/ttyS1");
     const std::string path = shown(here.board, "/dev/ttyS1", "far end");
