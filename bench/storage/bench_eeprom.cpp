@@ -53,7 +53,7 @@ uint32_t word_at(std::string_view text, size_t at) {
 }
 
 std::string_view member(std::string_view line, std::string_view name) {
-    const std::string start = "\"" + std::string(name) + "\":\"";
+    const std::string start = std::string("\"").append(name).append("\":\"");
     const size_t at = line.find(start);
     if (at == std::string_view::npos) return {};
     line.remove_prefix(at + start.size());
