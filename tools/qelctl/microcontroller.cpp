@@ -139,7 +139,9 @@ struct tm moment_to_set(const std::string &text) {
         return parts;
     }
     const char *end = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
-    if (end == nullptr || *end != '\0')
+    struct tm same = parts;
+    timegm(&same);  // moves a day that there is not into the next month
+    if (end == nullptr || *end != '\0' || same.tm_mday != parts.tm_mday)
         throw Failure(ExitCode::kUsage, "a time is now, or as in \"2026-03-01 12:30:00\", not " + text + ".");
     return parts;
 }
