@@ -1,8 +1,11 @@
 // What arrives at a port, as it arrives.
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
+#include <vector>
 
 #include "tools/qelctl/byte_rows.h"
 #include "tools/qelctl/byte_text.h"
