@@ -124,6 +124,12 @@ void monitor_port(const Library &library, const MonitorChoice &choice) {
         printer.add(*piece);
         run.counted(piece->bytes.size());
     }
+    // What the listener left between the last look and the line's end.
+    while (line_ended) {
+        const std::optional<SerialPiece> piece = listener.take(0);
+        if (!piece) break;
+        printer.add(*piece);
+    }
     printer.quiet();
     fprintf(stderr, "qelctl: %llu bytes\n", static_cast<unsigned long long>(printer.total_bytes()));
     if (line_ended) throw Failure(ExitCode::kFailed, "the line ended; the library's log says why.");
