@@ -8,6 +8,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -345,6 +346,7 @@ TEST(McuVerbs, EventsComeAsTheyHappenUntilTold) {
             EXPECT_EQ(event.dump(), expected);
         }
     }
+    const Scratch scratch;
     const Outcome told =
         on_board("dome", "cd " + scratch.path() +
                              "\nqelctl mcu events >heard & w=$!\n"

@@ -1,9 +1,12 @@
 // The length-framed link to a companion controller: commands, replies, and what it says unasked.
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
+#include <vector>
 
 #include "qel/commlen.h"
 #include "tools/qelctl/byte_text.h"

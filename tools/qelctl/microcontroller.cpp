@@ -1,10 +1,13 @@
 // The board's microcontroller: front panel, clock, power outputs, card readers, keys.
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
+#include <vector>
 
 #include "qel/mcu.h"
 #include "qel/product.h"

@@ -5,6 +5,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <vector>
 
 #include "tools/qelctl/byte_rows.h"
 #include "tools/qelctl/byte_text.h"

@@ -1,8 +1,12 @@
 // A port of the board for other programs of the host.
+#include <atomic>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
+#include <vector>
 
 #include "tools/qelctl/exit_code.h"
 #include "tools/qelctl/host_endpoint.h"

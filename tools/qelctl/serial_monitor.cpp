@@ -1,8 +1,11 @@
 // What arrives at a port, as it arrives.
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
+#include <vector>
 
 #include "tools/qelctl/byte_rows.h"
 #include "tools/qelctl/byte_text.h"
@@ -120,6 +123,12 @@ void monitor_port(const Library &library, const MonitorChoice &choice) {
         last_ms = piece->time_ms;
         printer.add(*piece);
         run.counted(piece->bytes.size());
+    }
+    // What the listener left between the last look and the line's end.
+    while (line_ended) {
+        const std::optional<SerialPiece> piece = listener.take(0);
+        if (!piece) break;
+        printer.add(*piece);
     }
     printer.quiet();
     fprintf(stderr, "qelctl: %llu bytes\n", static_cast<unsigned long long>(printer.total_bytes()));

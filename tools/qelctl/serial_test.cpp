@@ -1,8 +1,10 @@
 // Is a line good? Patterns go out at every rate and must come back as they were.
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "tools/qelctl/deadline.h"
 #include "tools/qelctl/exit_code.h"
