@@ -60,9 +60,11 @@ Descriptor find_descriptor(int fd) {
 }
 
 bool set_descriptor(int fd, const Descriptor &descriptor) {
-    if (slot(fd) == nullptr && !make_block(fd)) return false;
-    slot(fd)->written.store(0, std::memory_order_relaxed);
-    slot(fd)->packed.store(pack(descriptor), std::memory_order_release);
+    Slot *found = slot(fd);
+    if (found == nullptr && make_block(fd)) found = slot(fd);
+    if (found == nullptr) return false;
+    found->written.store(0, std::memory_order_relaxed);
+    found->packed.store(pack(descriptor), std::memory_order_release);
     return true;
 }
 
