@@ -77,28 +77,49 @@ inline double us_per_call(int calls, const std::function<void()> &call) {
     return taken.count() / calls;
 }
 
+constexpr int kRounds = 15;
+
+// What two ways took, round by round.
+struct Rounds {
+    std::vector<double> costs_us;
+    std::vector<double> with_us;
+
+    double cost_us() const { return median(costs_us); }
+    double with_cost_us() const { return median(with_us); }
+    double ratio() const {
+        std::vector<double> ratios;
+        for (size_t i = 0; i < costs_us.size(); ++i) ratios.push_back(costs_us[i] / with_us[i]);
+        return median(ratios);
+    }
+};
+
+// The first round only warms up.
+inline Rounds measure(const std::function<void()> &way, const std::function<void()> &with,
+                      int calls_per_round) {
+    Rounds rounds;
+    for (int round = 0; round <= kRounds; ++round) {
+        const double with_us = us_per_call(calls_per_round, with);
+        const double cost_us = us_per_call(calls_per_round, way);
+        if (round == 0) continue;
+        rounds.costs_us.push_back(cost_us);
+        rounds.with_us.push_back(with_us);
+    }
+    return rounds;
+}
+
+inline void print_row(const std::string &what, const std::string &with, const Rounds &rounds) {
+    printf("| %s | %.2f us | %s | %.2f us | %.2f |\n", what.c_str(), rounds.cost_us(), with.c_str(),
+           rounds.with_cost_us(), rounds.ratio());
+    fflush(stdout);
+}
+
 struct Way {
     std::string name;
     std::function<void()> call;
 };
 
-// Medians over the rounds, of each way's cost and of the ratio; the first round only warms up.
 inline void compare(const Way &way, const Way &with, int calls_per_round) {
-    constexpr int kRounds = 15;
-    std::vector<double> costs_us;
-    std::vector<double> with_us;
-    std::vector<double> ratios;
-    for (int round = 0; round <= kRounds; ++round) {
-        const double with_cost_us = us_per_call(calls_per_round, with.call);
-        const double cost_us = us_per_call(calls_per_round, way.call);
-        if (round == 0) continue;
-        costs_us.push_back(cost_us);
-        with_us.push_back(with_cost_us);
-        ratios.push_back(cost_us / with_cost_us);
-    }
-    printf("| %s | %.2f us | %s | %.2f us | %.2f |\n", way.name.c_str(), median(costs_us), with.name.c_str(),
-           median(with_us), median(ratios));
-    fflush(stdout);
+    print_row(way.name, with.name, measure(way.call, with.call, calls_per_round));
 }
 
 }  // namespace qel::bench

@@ -16,10 +16,13 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/measure.h"
 #include "board/core/board.h"
 #include "qel/eeprom.h"
 
 namespace {
+
+using qel::bench::expect;
 
 constexpr const char *kBoard =
     "name = \"bench\"\n[[chip]]\n[chip.hwid]\nname = \"BX-200\"\n[chip.misc]\n"
@@ -30,15 +33,6 @@ constexpr size_t kEntry = 12;
 constexpr size_t kHeadStart = 24;
 constexpr size_t kFileBytes = 200;
 constexpr size_t kFiles = 4;  // there before each operation, of kFileBytes each
-
-[[noreturn]] void give_up(const char *what) {
-    fprintf(stderr, "bench-storage-eeprom: %s failed\n", what);
-    _exit(1);
-}
-
-void expect(bool condition, const char *what) {
-    if (!condition) give_up(what);
-}
 
 struct Traffic {
     size_t read_bytes = 0;

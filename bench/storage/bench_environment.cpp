@@ -2,9 +2,8 @@
 // around it, cold in a new process against another library's open, read and close of the same block,
 // and how it grows with the parameters.
 //
-// Both sides of a row are measured in turns, so that what else the machine does meanwhile hits both.
-// Prints rows as bench/CMakeLists.txt describes, medians over the rounds. Limits: 1.5 warm; cold a
-// third of the other library's time; not more than in proportion to the parameters.
+// Limits: 1.5 warm; cold a third of the other library's time; not more than in proportion to the
+// parameters.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -12,7 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,65 +25,20 @@
 #define QEL_HAS_LIBUBOOTENV 1
 #endif
 
+#include "bench/measure.h"
 #include "board/core/board.h"
 #include "os/hook.h"
 #include "qel/product.h"
 
 namespace {
 
-constexpr int kRounds = 15;
+using namespace qel::bench;
+
 constexpr int kCalls = 20000;
 constexpr int kCallsAmongMany = 400;
 constexpr int kNewProcesses = 41;
 constexpr size_t kBlockBytes = 0x20000;
 constexpr const char *kNode = "/dev/mmcblk0p2";
-
-[[noreturn]] void give_up(const char *what) {
-    fprintf(stderr, "bench-storage-environment: %s failed\n", what);
-    _exit(1);
-}
-
-void expect(bool condition, const char *what) {
-    if (!condition) give_up(what);
-}
-
-double median(std::vector<double> values) {
-    std::ranges::nth_element(values, values.begin() + static_cast<ptrdiff_t>(values.size() / 2));
-    return values[values.size() / 2];
-}
-
-double microseconds_of(const std::function<void()> &work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
-}
-
-void print_row(const std::string &what, const std::string &against, const std::vector<double> &costs,
-               const std::vector<double> &bases) {
-    std::vector<double> ratios;
-    for (size_t i = 0; i < costs.size(); ++i) ratios.push_back(costs[i] / bases[i]);
-    printf("| %s | %.2f us | %s | %.2f us | %.2f |\n", what.c_str(), median(costs), against.c_str(),
-           median(bases), median(ratios));
-    fflush(stdout);
-}
-
-void compare(const std::string &what, const std::function<void()> &work, const std::string &against,
-             const std::function<void()> &bare, int calls) {
-    std::vector<double> costs;
-    std::vector<double> bases;
-    for (int round = 0; round <= kRounds; ++round) {
-        const double base = microseconds_of([&] {
-            for (int i = 0; i < calls; ++i) bare();
-        });
-        const double cost = microseconds_of([&] {
-            for (int i = 0; i < calls; ++i) work();
-        });
-        if (round == 0) continue;  // warms up
-        costs.push_back(cost / calls);
-        bases.push_back(base / calls);
-    }
-    print_row(what, against, costs, bases);
-}
 
 class Library {
 public:
@@ -139,9 +92,8 @@ private:
 void measure_warm() {
     const Library library;
     const Semaphore semaphore;
-    compare(
-        "boot parameter, read again", [&] { library.get("bootdelay"); }, "two bare semaphore operations",
-        [&] { semaphore.take_and_give(); }, kCalls);
+    compare({"boot parameter, read again", [&] { library.get("bootdelay"); }},
+            {"two bare semaphore operations", [&] { semaphore.take_and_give(); }}, kCalls);
 }
 
 // ---- cold ----
@@ -200,8 +152,8 @@ Cold measure_in_new_process(const std::string &config) {
         const OtherLibrary other;
         library.function<decltype(ENV_preInit)>("ENV_preInit")();  // lets go of what loading attached
         Cold cold{};
-        cold.against_us = microseconds_of([&] { other.open_read_close(config.c_str(), "bootdelay"); });
-        cold.cost_us = microseconds_of([&] { library.get("bootdelay"); });
+        cold.against_us = us_per_call(1, [&] { other.open_read_close(config.c_str(), "bootdelay"); });
+        cold.cost_us = us_per_call(1, [&] { library.get("bootdelay"); });
         _exit(write(results[1], &cold, sizeof cold) == sizeof cold ? 0 : 1);
     }
     close(results[1]);
@@ -218,15 +170,14 @@ void measure_cold() {
     expect(mkdtemp(folder.data()) != nullptr, "mkdtemp");
     write_block(folder + "/block");
     std::ofstream(folder + "/config") << folder << "/block 0x0 0x20000\n";
-    std::vector<double> costs;
-    std::vector<double> bases;
+    Rounds rounds;
     for (int i = 0; i < kNewProcesses; ++i) {
         const Cold cold = measure_in_new_process(folder + "/config");
-        costs.push_back(cold.cost_us);
-        bases.push_back(cold.against_us);
+        rounds.costs_us.push_back(cold.cost_us);
+        rounds.with_us.push_back(cold.against_us);
     }
     std::filesystem::remove_all(folder);
-    print_row("boot parameter, first read of a process", "libubootenv: open, read, close", costs, bases);
+    print_row("boot parameter, first read of a process", "libubootenv: open, read, close", rounds);
 }
 #else
 void measure_cold() {}  // without the other library's header there is nothing to compare with
@@ -253,12 +204,8 @@ double cost_among(int parameters) {
         char last[32];
         snprintf(last, sizeof last, "parameter%05d", parameters - 1);
         std::vector<double> costs(kRounds);
-        for (double &round : costs) {
-            round = microseconds_of([&] {
-                for (int i = 0; i < kCallsAmongMany; ++i) library.get(last);
-            });
-        }
-        cost = median(costs) / kCallsAmongMany;
+        for (double &round : costs) round = us_per_call(kCallsAmongMany, [&] { library.get(last); });
+        cost = median(costs);
     }
     board.leave();
     return cost;

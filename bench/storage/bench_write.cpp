@@ -2,27 +2,27 @@
 // the look-up of a good block costs in partitions of different sizes.
 //
 // The bare requests erase, write and read back the same blocks of a virtual flash within the process.
-// Both are measured in turns, so that what else the machine does meanwhile hits both. Prints rows as
-// bench/CMakeLists.txt describes, medians over the rounds. Limits: the write keeps 95 % of the bare
-// rate (a ratio of 1.05), the look-up does not depend on the partition.
+// Limits: the write keeps 95 % of the bare rate (a ratio of 1.05), the look-up does not depend on the
+// partition.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "bench/measure.h"
 #include "board/core/board.h"
 #include "os/hook.h"
 #include "qel/storage.h"
 
 namespace {
 
-constexpr int kRounds = 15;
+using namespace qel::bench;
+
 constexpr uint32_t kMegabyte = 1 << 20;
 constexpr uint32_t kPartitionBytes = 16 * kMegabyte;
 constexpr int kLookUps = 200000;
@@ -31,44 +31,6 @@ constexpr uint32_t kMtdErase = 0x40084D02;
 
 // The library wants one; it closes the list of the flash's partitions.
 constexpr const char *kPartitionOfEnvironment = "{ name = \"hwid\", size = 0x100000 }]\n";
-
-void expect(bool condition, const char *what) {
-    if (condition) return;
-    fprintf(stderr, "bench-storage-write: %s failed\n", what);
-    exit(1);
-}
-
-double median(std::vector<double> values) {
-    std::ranges::nth_element(values, values.begin() + static_cast<ptrdiff_t>(values.size() / 2));
-    return values[values.size() / 2];
-}
-
-double microseconds_of(const std::function<void()> &work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
-}
-
-struct Comparison {
-    double cost;
-    double bare_cost;
-    double ratio;
-};
-
-Comparison compare(const std::function<void()> &work, const std::function<void()> &bare) {
-    std::vector<double> costs;
-    std::vector<double> bare_costs;
-    std::vector<double> ratios;
-    for (int round = 0; round <= kRounds; ++round) {
-        const double bare_cost = microseconds_of(bare);
-        const double cost = microseconds_of(work);
-        if (round == 0) continue;  // warms up
-        costs.push_back(cost);
-        bare_costs.push_back(bare_cost);
-        ratios.push_back(cost / bare_cost);
-    }
-    return {median(costs), median(bare_costs), median(ratios)};
-}
 
 // A board with one kind of flash that this process lives on, and the library.
 class Place {
@@ -160,12 +122,12 @@ void measure_write(const Medium &medium) {
     std::vector<uint8_t> data(kPartitionBytes);
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + (i >> 12));
     BareFlash bare(medium);
-    const Comparison found = compare(
+    const Rounds found = measure(
         [&] { expect(flash->writePartition(flash, "user", data.data(), kPartitionBytes) == 0, "the write"); },
-        [&] { bare.write(data); });
+        [&] { bare.write(data); }, 1);
     constexpr double kMegabytes = kPartitionBytes / kMegabyte;
     printf("| partition write, %s, per MiB | %.0f us | bare erase, write and read back | %.0f us | %.2f |\n",
-           medium.name, found.cost / kMegabytes, found.bare_cost / kMegabytes, found.ratio);
+           medium.name, found.cost_us() / kMegabytes, found.with_cost_us() / kMegabytes, found.ratio());
     fflush(stdout);
     flash->release(flash);
 }
@@ -195,9 +157,9 @@ void measure_look_up() {
             expect(look_up(offset, &place_of_block, partition) == 0, "the look-up");
         }
     };
-    const Comparison found = compare([&] { last_block_of(many, kMany); }, [&] { last_block_of(few, kFew); });
+    const Rounds found = measure([&] { last_block_of(many, kMany); }, [&] { last_block_of(few, kFew); }, 1);
     printf("| look-up of a good block among %u | %.3f us | among %u | %.3f us | %.2f |\n", kMany,
-           found.cost / kLookUps, kFew, found.bare_cost / kLookUps, found.ratio);
+           found.cost_us() / kLookUps, kFew, found.with_cost_us() / kLookUps, found.ratio());
 }
 
 }  // namespace
