@@ -23,11 +23,14 @@ enum Attribute { kPlain = 0, kErrorAttribute = 1, kInformationAttribute = 2, kWa
 #define QEL_ERROR_AS(function, format, ...) QEL_ERROR_AT(function, __LINE__, format, ##__VA_ARGS__)
 #define QEL_ERROR(format, ...) QEL_ERROR_AT(__func__, __LINE__, format, ##__VA_ARGS__)
 
+// The older form without function and line.
+#define QEL_ERROR_SHORT(format, ...) \
+    OSA_logWrite(::qel::log::kError, ::qel::log::kErrorAttribute, "[libqel] ERROR  : " format, ##__VA_ARGS__)
+
 #define QEL_WARN_AS(function, format, ...)                                                               \
     OSA_logWrite(::qel::log::kWarning, ::qel::log::kWarningAttribute, "[libqel] WARN  (%s|%d): " format, \
                  function, __LINE__, ##__VA_ARGS__)
 #define QEL_WARN(format, ...) QEL_WARN_AS(__func__, format, ##__VA_ARGS__)
-// The older form without function and line.
 #define QEL_WARN_SHORT(format, ...)                                                               \
     OSA_logWrite(::qel::log::kWarning, ::qel::log::kWarningAttribute, "[libqel] WARN  : " format, \
                  ##__VA_ARGS__)

@@ -19,9 +19,11 @@ namespace qel {
 class QEL_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
 public:
     int create() { return OSA_mutexCreate(&handle_); }
-    void destroy() {
-        if (handle_ != nullptr) OSA_mutexDelete(&handle_);
+    // Not while somebody holds it: then it fails, and the mutex is lost all the same.
+    int destroy() {
+        const int status = handle_ != nullptr ? OSA_mutexDelete(&handle_) : 0;
         handle_ = nullptr;
+        return status;
     }
     void lock() QEL_THREAD_ATTRIBUTE(acquire_capability()) {
         if (handle_ != nullptr) OSA_mutexLock(handle_);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "os/mtd.h"
 #include "os/os.h"
 #include "platform/include/osa.h"
 #include "product/hwid_store.h"
@@ -14,13 +15,6 @@ namespace qel::environment {
 namespace {
 
 constexpr const char *kPartition = "hwid";
-constexpr uint32_t kMtdErase = 0x40084D02;  // EraseArea in
-
-struct EraseArea {
-    uint32_t start;
-    uint32_t length;
-};
-static_assert(sizeof(EraseArea) == 8);
 
 bool has_good_blocks(const Medium &medium) {
     return medium.flash.type == QEL_FLASH_NAND || medium.flash.type == QEL_FLASH_MLC_NAND;
@@ -57,8 +51,8 @@ int measure(Medium *medium) {
 
 bool erase(const Medium &medium, uint64_t start, uint64_t length) {
     if (start > UINT32_MAX || length > UINT32_MAX) return false;
-    EraseArea area = {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
-    return os::ioctl(medium.fd, kMtdErase, &area) >= 0;
+    os::MtdErase area = {static_cast<uint32_t>(start), static_cast<uint32_t>(length)};
+    return os::ioctl(medium.fd, os::kMtdErase, &area) >= 0;
 }
 
 struct Section {

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "frame/log.h"
+#include "os/mtd.h"
 #include "os/os.h"
 #include "storage/flash.h"
 
@@ -136,8 +137,8 @@ int Partition::erase(uint32_t block) {
     uint64_t address = 0;
     if (locate(block, &address) != 0) return OSA_EFAIL;
     if (!is_raw()) return fill_with_erased(address);
-    flash::MtdErase area{static_cast<uint32_t>(address), info_.eraseBytes};
-    if (address <= UINT32_MAX && os::ioctl(fd_.get(), flash::kMtdErase, &area) >= 0) return 0;
+    os::MtdErase area{static_cast<uint32_t>(address), info_.eraseBytes};
+    if (address <= UINT32_MAX && os::ioctl(fd_.get(), os::kMtdErase, &area) >= 0) return 0;
     QEL_ERROR_AS(operation_.function, "%s Flash erase error!, erase_info.start = %x\n", operation_.prefix,
                  area.start);
     return OSA_EFAIL;

@@ -7,6 +7,7 @@
 #include "frame/log.h"
 #include "frame/mutex.h"
 #include "frame/unload.h"
+#include "os/mtd.h"
 #include "os/os.h"
 #include "storage/flash.h"
 
@@ -42,7 +43,7 @@ void free_blocks(Access &access) {
 
 bool is_bad(int fd, uint64_t offset, uint64_t partition_offset) {
     auto argument = static_cast<int64_t>(offset);
-    const int answer = os::ioctl(fd, kMtdGetBadBlock, &argument);
+    const int answer = os::ioctl(fd, os::kMtdGetBadBlock, &argument);
     if (answer == 0) return false;
     const unsigned long long address = partition_offset + offset;
     QEL_WARN_SHORT("MEMGETBADBLOCK error,fd = %d, ret = %d addr = %llx! \n", fd, answer, address);

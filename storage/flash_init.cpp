@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "frame/log.h"
+#include "os/mtd.h"
 #include "os/os.h"
 #include "storage/flag_pages.h"
 #include "storage/flash.h"
@@ -24,8 +25,8 @@ constexpr flag_pages::Place kBootBackupVersion = {1, 1};
 constexpr flag_pages::Place kBootFromBackup = {0, 4};
 
 int read_mtd_geometry(int fd, FlashInfo *out) {
-    MtdInfo mtd{};
-    const int status = os::ioctl(fd, kMtdGetInfo, &mtd);
+    os::MtdInfo mtd{};
+    const int status = os::ioctl(fd, os::kMtdGetInfo, &mtd);
     if (status < 0 || mtd.erase_bytes == 0) {
         QEL_ERROR_AS(kStarter, "  MEMGETINFO error,ret = %d!\n", status);
         return OSA_EFAIL;

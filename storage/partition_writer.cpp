@@ -7,6 +7,7 @@
 #include <span>
 
 #include "frame/log.h"
+#include "os/mtd.h"
 #include "os/os.h"
 #include "storage/flash.h"
 #include "storage/upgrade_state.h"
@@ -189,8 +190,8 @@ Outcome Partition::failed(const char *what, uint64_t physical, ssize_t status) {
 }
 
 Outcome Partition::erase_block(uint64_t physical) {
-    MtdErase area{static_cast<uint32_t>(physical), info_.eraseBytes};
-    const int status = physical <= UINT32_MAX ? os::ioctl(fd_, kMtdErase, &area) : -EFBIG;
+    os::MtdErase area{static_cast<uint32_t>(physical), info_.eraseBytes};
+    const int status = physical <= UINT32_MAX ? os::ioctl(fd_, os::kMtdErase, &area) : -EFBIG;
     return status >= 0 ? Outcome::kDone : failed("erase", physical, status);
 }
 
@@ -246,7 +247,7 @@ int Partition::condemn(uint64_t offset) {
         return OSA_EFAIL;
     }
     auto argument = static_cast<int64_t>(physical);
-    const int status = os::ioctl(fd_, kMtdSetBadBlock, &argument);
+    const int status = os::ioctl(fd_, os::kMtdSetBadBlock, &argument);
     if (status < 0) {
         QEL_ERROR_AS(job_.function, "MEMSETBADBLOCK of %s at 0x%llx failed: %d\n", entry_.name,
                      shown(physical), status);

@@ -6,7 +6,10 @@
 #ifndef QEL_COMM_H
 #define QEL_COMM_H
 
+#include "qel/commlen.h"
 #include "qel/frame.h"
+#include "qel/mcu.h"
+#include "qel/serial.h"
 
 QEL_BEGIN_DECLS
 
@@ -16,10 +19,6 @@ QEL_API int QEL_TwoEyesComInit(void);
 QEL_API int QEL_TwoEyesComDeInit(void);
 QEL_API int QEL_comInit(void);
 QEL_API int QEL_comDeinit(void);
-QEL_API int QEL_mcuInit(void);
-QEL_API int QEL_mcuDeinit(void);
-QEL_API int QEL_commlenInit(void);
-QEL_API int QEL_commlenDeinit(void);
 
 /* ---- forwarding: registered by QEL_adapterInit ---- */
 

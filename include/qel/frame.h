@@ -144,13 +144,23 @@ QEL_API int QEL_openSlaveXcc(unsigned chip, unsigned count, uintptr_t *handle);
 struct OSA_Task;
 QEL_API int QEL_adapterSlaveTskRun(struct OSA_Task *self, void *firstMsg, void *arg);
 
-/* ---- notification, events, locks between processes: chain pairs; their services come later ---- */
+/* ---- locks of one process that any thread may give back ---- */
+
+typedef void *QEL_SemLock;
+/* `value`: how many may hold it at once, 1 or more. */
+QEL_API int QEL_semLockCreate(QEL_SemLock *out, unsigned value);
+QEL_API int QEL_semLockDelete(QEL_SemLock *lock); /* sets *lock to NULL; nobody may wait for it */
+QEL_API int QEL_semLockLock(QEL_SemLock lock);    /* waits without limit; not recursive */
+QEL_API int QEL_semLockUnlock(QEL_SemLock lock);  /* -1 when nobody holds it */
+QEL_API int QEL_semLockGetValue(QEL_SemLock lock, unsigned *value); /* how many may still take it */
+QEL_API int QEL_semLockInit(void);                                  /* chain */
+QEL_API int QEL_semLockDeinit(void);                                /* chain */
+
+/* ---- notification, events: chain pairs; their services come later ---- */
 
 QEL_API int QEL_notifyInit(void);
 QEL_API int QEL_eventInit(void);
 QEL_API int QEL_eventDeinit(void);
-QEL_API int QEL_semLockInit(void);
-QEL_API int QEL_semLockDeinit(void);
 
 QEL_END_DECLS
 
