@@ -164,7 +164,12 @@ ssize_t board_read(int fd, void *buffer, size_t bytes) {
 
 ssize_t board_write(int fd, const void *buffer, size_t bytes) {
     const Descriptor descriptor = find_descriptor(fd);
-    if (descriptor.handle == 0 || descriptor.is_tty) return kernel().write(fd, buffer, bytes);
+    if (descriptor.handle == 0) return kernel().write(fd, buffer, bytes);
+    if (descriptor.is_tty) {
+        const ssize_t written = kernel().write(fd, buffer, bytes);
+        if (written > 0) count_written(fd, static_cast<uint64_t>(written));
+        return written;
+    }
     if (buffer == nullptr && bytes > 0) return -EFAULT;
     Call call(Op::kWrite, descriptor);
     const auto *first = static_cast<const uint8_t *>(buffer);
@@ -325,10 +330,17 @@ int board_rename(const char *from, const char *to) {
 // ---- terminals: the pty does the work, the board is told ----
 
 // True: this descriptor is a line of the board, and `call` asks for it.
-bool report_term(const Descriptor &descriptor, TermOp op, int64_t offset, Call &call) {
+bool report_term(int fd, const Descriptor &descriptor, TermOp op, int value, Call &call) {
+    const uint64_t written = written_bytes(fd);
+    const TermAction action{.written_low = static_cast<uint32_t>(written),
+                            .written_high = static_cast<uint32_t>(written >> 32),
+                            .value = static_cast<uint32_t>(value)};
     call.request.handle = descriptor.handle;
+    call.request.nonblocking = false;  // of reads and writes, not of these
     call.request.code = static_cast<uint32_t>(op);
-    call.request.offset = offset;
+    call.request.offset = value;
+    const auto *first = reinterpret_cast<const uint8_t *>(&action);
+    call.request.in.assign(first, first + sizeof(action));
     return descriptor.handle != 0;
 }
 
@@ -337,10 +349,12 @@ int board_term_get(int fd, termios *out) {
     if (descriptor.handle != 0 && !descriptor.is_tty) return -ENOTTY;
     const int result = kernel().term_get(fd, out);
     Call call(Op::kTerm);
-    if (result < 0 || !report_term(descriptor, TermOp::kGet, 0, call)) return result;
-    // What a pty cannot hold (data bits, parity), the board remembers.
+    if (result < 0 || !report_term(fd, descriptor, TermOp::kGet, 0, call)) return result;
+    // What a pty cannot hold (data bits, parity), a line remembers once it was set.
     TermSettings kept{};
-    if (call.run() < 0 || call.reply.out.size() != sizeof(kept)) return result;
+    const int64_t told = call.run();
+    if (told < 0 && told != -ENODATA) return static_cast<int>(told);
+    if (call.reply.out.size() != sizeof(kept)) return result;
     memcpy(&kept, call.reply.out.data(), sizeof(kept));
     out->c_cflag =
         (out->c_cflag & static_cast<tcflag_t>(CBAUD)) | (kept.control_flags & ~static_cast<tcflag_t>(CBAUD));
@@ -350,9 +364,12 @@ int board_term_get(int fd, termios *out) {
 int board_term_set(int fd, int when, const termios *settings) {
     const Descriptor descriptor = find_descriptor(fd);
     if (descriptor.handle != 0 && !descriptor.is_tty) return -ENOTTY;
-    const int result = kernel().term_set(fd, when, settings);
+    int result = kernel().term_set(fd, when, settings);
+    // A pty keeps neither data bits nor parity, and where nothing else was new the C library says so.
+    const bool is_moment = when == TCSANOW || when == TCSADRAIN || when == TCSAFLUSH;
+    if (result == -EINVAL && descriptor.is_tty && is_moment) result = 0;
     Call call(Op::kTerm);
-    if (result < 0 || !report_term(descriptor, TermOp::kSet, when, call)) return result;
+    if (result < 0 || !report_term(fd, descriptor, TermOp::kSet, when, call)) return result;
     const TermSettings made{.input_flags = settings->c_iflag,
                             .output_flags = settings->c_oflag,
                             .control_flags = settings->c_cflag & ~static_cast<tcflag_t>(CBAUD),
@@ -371,7 +388,7 @@ int term_action(int fd, TermOp op, int value, Kernel act) {
     if (descriptor.handle != 0 && !descriptor.is_tty) return -ENOTTY;
     const int result = act();
     Call call(Op::kTerm);
-    if (result < 0 || !report_term(descriptor, op, value, call)) return result;
+    if (result < 0 || !report_term(fd, descriptor, op, value, call)) return result;
     return static_cast<int>(std::min<int64_t>(call.run(), 0));
 }
 
@@ -391,7 +408,7 @@ int board_line_status(int fd, uint32_t *out) {
     const Descriptor descriptor = find_descriptor(fd);
     if (descriptor.handle == 0) return kernel().line_status(fd, out);
     Call call(Op::kTerm);
-    report_term(descriptor, TermOp::kLineStatus, 0, call);
+    report_term(fd, descriptor, TermOp::kLineStatus, 0, call);
     const int64_t value = call.run();
     if (value < 0) return static_cast<int>(value);
     if (call.reply.out.size() != sizeof(*out)) return -EIO;

@@ -31,7 +31,8 @@ uint32_t random_salt() {
 Board::Impl::Impl(const std::string &description, const Options &options)
     : workplace(options.dir),
       ipc_salt(random_salt()),
-      unit(Description::parse(description), workplace.content_dir(), options.time_scale) {
+      unit(Description::parse(description), workplace.content_dir(), options.time_scale),
+      pump(mutex, unit) {
     unit.on_ready = [this](uint32_t handle) QEL_REQUIRES(mutex) {
         const auto local = local_descriptors.find(handle);
         if (local != local_descriptors.end()) {
@@ -44,6 +45,7 @@ Board::Impl::Impl(const std::string &description, const Options &options)
         wake_waiting();
         if (on_changed) on_changed();
     };
+    unit.on_work = [this] { pump.wake(); };
 }
 
 Board::Impl::~Impl() = default;

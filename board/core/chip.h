@@ -10,6 +10,8 @@
 
 #include "board/core/description.h"
 #include "board/core/device.h"
+#include "board/core/fault.h"
+#include "board/core/runner.h"
 #include "board/core/tree.h"
 
 namespace qel::board {
@@ -28,10 +30,16 @@ public:
     virtual uint32_t chip_count() const = 0;
     virtual Chip *chip(uint32_t number) = 0;  // nullptr: no such chip
     virtual int64_t now_us() const = 0;
+    virtual uint32_t time_scale() const = 0;
     virtual void changed() = 0;
     virtual void misuse(const std::string &text) = 0;
     virtual void event(const std::string &text) = 0;
     virtual size_t medium_write(const Node &node, size_t bytes) = 0;
+    virtual bool has_faults() const = 0;
+    virtual LineFault line_fault(uint32_t chip, const std::string &line, bool to_host) = 0;
+    virtual void trace_line(uint32_t chip, const std::string &line, bool to_host, Bytes bytes) = 0;
+    virtual void add_runner(Runner &runner) = 0;
+    virtual void wake_runners() = 0;
 };
 
 class Chip {
@@ -58,6 +66,9 @@ public:
     // Monotonic time of the board, already multiplied by its time scale.
     int64_t now_ms() const { return host_.now_us() / 1000; }
     int64_t now_us() const { return host_.now_us(); }
+    // The moment, of that time, `ms` milliseconds of the host's clock from now: for looking again at
+    // something of the host.
+    int64_t in_host_ms(int64_t ms) const { return now_us() + ms * 1000 * host_.time_scale(); }
 
     // Something changed that a waiting request or a poll may be waiting for.
     void changed() { host_.changed(); }
@@ -68,6 +79,20 @@ public:
     // A model calls it before it changes what outlives a power cut: how many of the bytes, from the
     // start, reach the medium. Fewer than asked when the power is cut here; then finish and return.
     size_t medium_write(const Device &device, size_t bytes);
+    // What becomes of a byte that goes over a serial line, for one byte after the other. A line goes by the
+    // node of its device, with a name behind where that has several.
+    LineFault line_fault(const std::string &line, bool to_host) {
+        return host_.line_fault(number_, line, to_host);
+    }
+    // For the trace: bytes that the host put on the line, or that arrived at its end.
+    void trace_line(const std::string &line, bool to_host, Bytes bytes) {
+        host_.trace_line(number_, line, to_host, bytes);
+    }
+    bool has_faults() const { return host_.has_faults(); }
+    // From the device's constructor, for one that lives as long as the board: see runner.h. Nothing runs
+    // before the first wake_runners(); later calls make it run soon.
+    void add_runner(Runner &runner) { host_.add_runner(runner); }
+    void wake_runners() { host_.wake_runners(); }
 
     // How the machine answers what is recorded only ([chip.machine]).
     struct Machine {

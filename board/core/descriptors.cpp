@@ -16,10 +16,14 @@ constexpr int kBlocks = 1024;
 constexpr uint64_t kTtyBit = 1;
 constexpr uint64_t kNonblockingBit = 2;
 
-using Block = std::array<std::atomic<uint64_t>, kBlockSize>;
+struct Slot {
+    std::atomic<uint64_t> packed;
+    std::atomic<uint64_t> written;
+};
+using Block = std::array<Slot, kBlockSize>;
 constinit std::array<std::atomic<Block *>, kBlocks> g_blocks{};
 
-std::atomic<uint64_t> *slot(int fd) {
+Slot *slot(int fd) {
     if (fd < 0 || fd >= kBlockSize * kBlocks) return nullptr;
     Block *block = g_blocks[static_cast<size_t>(fd / kBlockSize)].load(std::memory_order_acquire);
     return block != nullptr ? &(*block)[static_cast<size_t>(fd % kBlockSize)] : nullptr;
@@ -51,27 +55,40 @@ uint64_t pack(const Descriptor &descriptor) {
 }  // namespace
 
 Descriptor find_descriptor(int fd) {
-    const std::atomic<uint64_t> *found = slot(fd);
-    return found != nullptr ? unpack(found->load(std::memory_order_acquire)) : Descriptor{};
+    const Slot *found = slot(fd);
+    return found != nullptr ? unpack(found->packed.load(std::memory_order_acquire)) : Descriptor{};
 }
 
 bool set_descriptor(int fd, const Descriptor &descriptor) {
-    if (slot(fd) == nullptr && !make_block(fd)) return false;
-    slot(fd)->store(pack(descriptor), std::memory_order_release);
+    Slot *found = slot(fd);
+    if (found == nullptr && make_block(fd)) found = slot(fd);
+    if (found == nullptr) return false;
+    found->written.store(0, std::memory_order_relaxed);
+    found->packed.store(pack(descriptor), std::memory_order_release);
     return true;
 }
 
 void clear_descriptor(int fd) {
-    std::atomic<uint64_t> *found = slot(fd);
-    if (found != nullptr) found->store(0, std::memory_order_release);
+    Slot *found = slot(fd);
+    if (found != nullptr) found->packed.store(0, std::memory_order_release);
+}
+
+void count_written(int fd, uint64_t bytes) {
+    Slot *found = slot(fd);
+    if (found != nullptr) found->written.fetch_add(bytes, std::memory_order_relaxed);
+}
+
+uint64_t written_bytes(int fd) {
+    const Slot *found = slot(fd);
+    return found != nullptr ? found->written.load(std::memory_order_relaxed) : 0;
 }
 
 void close_all_devices() {
     for (int fd = 0; fd < kBlockSize * kBlocks; ++fd) {
-        std::atomic<uint64_t> *found = slot(fd);
+        Slot *found = slot(fd);
         if (found == nullptr) {
             fd += kBlockSize - 1;
-        } else if (found->exchange(0) != 0) {
+        } else if (found->packed.exchange(0) != 0) {
             ::close(fd);
         }
     }

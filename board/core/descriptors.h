@@ -20,6 +20,10 @@ Descriptor find_descriptor(int fd);
 bool set_descriptor(int fd, const Descriptor &descriptor);  // false: no memory, or fd out of range
 void clear_descriptor(int fd);
 
+// Bytes written through a terminal's descriptor since set_descriptor.
+void count_written(int fd, uint64_t bytes);
+uint64_t written_bytes(int fd);
+
 // Closes every device descriptor of the process.
 void close_all_devices();
 

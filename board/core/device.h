@@ -72,8 +72,8 @@ public:
     virtual Answer map(Handle &, int64_t, uint32_t) { return Answer::fail(ENODEV); }
     virtual bool readable(const Handle &) const { return false; }
 
-    // A serial line: the host's path of the pty that processes read and write themselves. Terminal
-    // calls (TermOp) and ioctls come here as well.
+    // A serial line: the host's path of the pty that processes read and write themselves, asked after
+    // open(). Terminal calls (TermOp, with what request.h says) and ioctls come here as well.
     virtual std::string tty_path() const { return {}; }
     virtual Answer term(Handle &, TermOp, Bytes) { return Answer::fail(ENOTTY); }
 

@@ -11,14 +11,18 @@ namespace qel::board {
 
 namespace {
 
+constexpr std::string_view kLine = "line";
 constexpr std::array<const char *, 9> kOperations = {"open",  "close", "read", "write", "seek",
                                                      "ioctl", "map",   "term", "path"};
 constexpr std::array<const char *, 8> kPathOperations = {"stat",   "list",   "mkdir", "remove",
                                                          "rename", "umount", "run",   "reboot"};
 
+constexpr std::array<const char *, 6> kTerminalCalls = {"tcgetattr", "tcsetattr", "tcflush",  // as TermOp
+                                                        "tcdrain",   "tcflow",    "TIOCSERGETLSR"};
+
 bool is_operation(std::string_view name) {
     const auto named = [&](const char *known) { return name == known; };
-    return name == "*" || std::any_of(kOperations.begin(), kOperations.end() - 1, named) ||
+    return name == "*" || name == kLine || std::any_of(kOperations.begin(), kOperations.end() - 1, named) ||
            std::any_of(kPathOperations.begin(), kPathOperations.end(), named);
 }
 
@@ -68,9 +72,14 @@ void parse_operation(Words &words, Fault &fault) {
     fault.operation = word.substr(0, colon);
     if (!is_operation(fault.operation)) words.fail("\"" + fault.operation + "\" is not an operation");
     if (colon == std::string::npos) return;
-    if (fault.operation != "ioctl") words.fail("only an ioctl has a request");
     fault.request = word.substr(colon + 1);
+    if (fault.operation == kLine && fault.request != "in" && fault.request != "out")
+        words.fail("the direction of a line is \"in\" or \"out\"");
     if (fault.request.empty()) words.fail("names no request behind the colon");
+    if (fault.operation == "ioctl" || fault.operation == kLine) return;
+    if (fault.operation != "term") words.fail("only an ioctl, a terminal call and a line have a request");
+    if (std::ranges::find(kTerminalCalls, std::string_view(fault.request)) == kTerminalCalls.end())
+        words.fail("\"" + fault.request + "\" is not a terminal call");
 }
 
 void parse_flips(Words &words, Fault &fault) {
@@ -79,7 +88,33 @@ void parse_flips(Words &words, Fault &fault) {
         fault.flips.push_back(static_cast<uint32_t>(words.number_of(bit, "a bit number", 0, UINT32_MAX)));
 }
 
+void parse_line_action(Words &words, Fault &fault) {
+    const std::string action = words.any("what becomes of the byte (lose, double, flip, delay, hang-up)");
+    if (action == "lose") {
+        fault.action = FaultAction::kLose;
+    } else if (action == "double") {
+        fault.action = FaultAction::kDouble;
+    } else if (action == "hang-up") {
+        fault.action = FaultAction::kHangUp;
+    } else if (action == "delay") {
+        fault.action = FaultAction::kDelay;
+        fault.argument = static_cast<int64_t>(words.number("a number of milliseconds"));
+    } else if (action == "flip") {
+        fault.action = FaultAction::kFlip;
+        parse_flips(words, fault);
+        for (const uint32_t bit : fault.flips) {
+            if (bit > 7) words.fail("a byte has bits 0 to 7");
+        }
+    } else {
+        words.fail("\"" + action + "\" is none of lose, double, flip, delay, hang-up");
+    }
+}
+
 void parse_action(Words &words, Fault &fault) {
+    if (fault.operation == kLine) {
+        parse_line_action(words, fault);
+        return;
+    }
     const std::string action = words.any("what to do (fail, short, flip, delay)");
     if (action == "fail") {
         const std::string name = words.any("the name of an error");
@@ -167,6 +202,22 @@ bool matches(const Fault &fault, const RequestView &request) {
     if (text.rfind("0x", 0) != 0) return false;
     const auto [rest, error] = std::from_chars(text.data() + 2, text.data() + text.size(), code, 16);
     return error == std::errc() && rest == text.data() + text.size() && code == request.code;
+}
+
+void strike_byte(Fault &fault, uint32_t chip, std::string_view node, bool to_host, LineFault &out) {
+    if (fault.operation != kLine || !glob_match(fault.node, node)) return;
+    if (fault.chip && *fault.chip != chip) return;
+    if (!fault.request.empty() && (fault.request == "in") != to_host) return;
+    if (!fault.strikes()) return;
+    out.lost = out.lost || fault.action == FaultAction::kLose;
+    out.twice = out.twice || fault.action == FaultAction::kDouble;
+    out.hangs_up = out.hangs_up || fault.action == FaultAction::kHangUp;
+    if (fault.action == FaultAction::kDelay) out.delay_ms += fault.argument;
+    for (const uint32_t bit : fault.flips) out.flips ^= static_cast<uint8_t>(1u << bit);
+}
+
+const char *terminal_call_name(uint32_t code) {
+    return code < kTerminalCalls.size() ? kTerminalCalls[code] : "";
 }
 
 const char *operation_name(Op op, uint32_t code) {

@@ -5,15 +5,20 @@
 //     [chip N] NODE OPERATION[:REQUEST] ACTION [WHEN]
 //     [chip N] [NODE] power-cut at N [torn BYTES]
 //
-//   NODE       a path as the process gives it, or a pattern with * and ? ("/dev/mtd/*", "/mnt/*")
+//   NODE       a path as the process gives it, or a pattern with * and ? ("/dev/mtd/*", "/mnt/*"); of lines
+//              that the microcontroller carries "/dev/qecMcu/raw", "/dev/qecMcu/24"
 //   OPERATION  open close read write seek ioctl map term, stat list mkdir remove rename umount run
-//              reboot, or * for all
-//   REQUEST    of an ioctl: its name as the trace shows it, or its code ("0xC0044800")
+//              reboot, or * for all of these; line for the bytes on a serial line
+//   REQUEST    of an ioctl: its name as the trace shows it, or its code ("0xC0044800"); of a terminal call
+//              its name ("tcdrain"); of a line the direction: `in` to the board's processes, `out` from them,
+//              both when missing
 //   ACTION     fail ERRNO        answer with that error, the device never sees the request
 //              short BYTES       read, write or answer no more than so many bytes
 //              flip BIT[,BIT]    turn bits of the data round: read and ioctl answers, written data
 //              delay MS          answer that much later (of the board's time)
-//   WHEN       at N              the Nth such request from now, only it
+//              lose, double, flip BIT[,BIT], delay MS, hang-up
+//                                of a line: what becomes of the byte; hang-up pulls the plug before it
+//   WHEN       at N              the Nth such request (of a line: byte) from now, only it
 //              at N..M           the Nth to the Mth
 //              from N            the Nth and all after it
 //              every N           the Nth, the 2Nth ...
@@ -40,14 +45,14 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-enum class FaultAction : uint8_t { kFail, kShort, kFlip, kDelay, kPowerCut };
+enum class FaultAction : uint8_t { kFail, kShort, kFlip, kDelay, kPowerCut, kLose, kDouble, kHangUp };
 
 struct Fault {
     std::string text;              // as it was given
     std::optional<uint32_t> chip;  // missing: every chip
     std::string node = "*";
     std::string operation = "*";
-    std::string request;  // of an ioctl: a name or a code; empty: every one
+    std::string request;  // of an ioctl or a terminal call: a name or a code; empty: every one
     FaultAction action = FaultAction::kFail;
     int64_t argument = 0;         // errno, bytes, milliseconds, torn bytes (-1: the whole write)
     std::vector<uint32_t> flips;  // bit numbers, bit 0 = lowest of byte 0
@@ -73,8 +78,21 @@ struct RequestView {
 };
 bool matches(const Fault &fault, const RequestView &request);
 
+// What becomes of one byte on a serial line.
+struct LineFault {
+    bool lost = false;
+    bool twice = false;
+    bool hangs_up = false;
+    uint8_t flips = 0;
+    int64_t delay_ms = 0;
+};
+// Counts a byte that goes over the line of `node` and adds what this fault does to it.
+void strike_byte(Fault &fault, uint32_t chip, std::string_view node, bool to_host, LineFault &out);
+
 // The name of an operation as faults and the trace call it.
 const char *operation_name(Op op, uint32_t code);
+// Of the code of an Op::kTerm, as the trace and faults have it; "" = none.
+const char *terminal_call_name(uint32_t code);
 
 // `*` any run of characters ("/" too), `?` any one.
 bool glob_match(std::string_view pattern, std::string_view text);

@@ -7,6 +7,7 @@
 
 #include "board/core/board.h"
 #include "board/core/lock.h"
+#include "board/core/pump.h"
 #include "board/core/unit.h"
 #include "board/core/workplace.h"
 
@@ -33,6 +34,7 @@ struct Board::Impl {
     bool entered = false;
     bool was_entered = false;
     std::string old_process_name;
+    Pump pump;  // the last member: its thread ends before anything it uses
 };
 
 }  // namespace qel::board

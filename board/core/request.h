@@ -23,8 +23,8 @@ enum class Op : uint8_t { kOpen, kClose, kRead, kWrite, kSeek, kIoctl, kMap, kTe
 //   kUnmount, kRun, kReboot (code of the command in `offset`): recorded, answered, never done
 enum class PathOp : uint32_t { kStat, kList, kMakeDir, kRemove, kRename, kUnmount, kRun, kReboot };
 
-// Terminal calls on a line. kSet: in = TermSettings, offset = when; kGet and kLineStatus answer in
-// `out` (TermSettings, u32); kFlush and kFlow: offset = queue or action.
+// Terminal calls on a line. kSet: in = TermSettings, offset = when; the others: in = TermAction. kGet and
+// kLineStatus answer in `out` (TermSettings, u32).
 enum class TermOp : uint32_t { kGet, kSet, kFlush, kDrain, kFlow, kLineStatus };
 
 struct TermSettings {
@@ -36,6 +36,15 @@ struct TermSettings {
     uint32_t output_speed;
 };
 static_assert(sizeof(TermSettings) == 24);
+
+// What a process says beside the call. It writes to the pty itself, and what it wrote takes a while to come
+// out at the board's end: the count tells the board what to wait for.
+struct TermAction {
+    uint32_t written_low;  // bytes written through this descriptor so far, 64 bits
+    uint32_t written_high;
+    uint32_t value;  // kFlush: the queue (TCIFLUSH ...), kFlow: the action (TCOOFF ...)
+};
+static_assert(sizeof(TermAction) == 12);
 
 // What the board decided on a request when it came in. Stays in the process that serves; never sent.
 struct Waiting {

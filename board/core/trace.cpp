@@ -47,7 +47,19 @@ std::string seconds_text(const nlohmann::json &object) {
 
 }  // namespace
 
-std::string trace_line(const TraceEntry &entry, const Request &request, const Reply &reply) {
+std::string trace_of_line(const LineEntry &entry, std::span<const uint8_t> bytes) {
+    nlohmann::ordered_json line;
+    line["t_us"] = entry.time_us;
+    line["chip"] = entry.chip;
+    line["node"] = entry.line;
+    line["op"] = "line";
+    line["direction"] = entry.to_host ? "in" : "out";
+    line[entry.to_host ? "out" : "in"] = bytes.size();
+    line["data"] = to_hex(bytes.data(), bytes.size());
+    return line.dump();
+}
+
+std::string trace_of_request(const TraceEntry &entry, const Request &request, const Reply &reply) {
     nlohmann::ordered_json line;
     line["t_us"] = entry.time_us;
     line["chip"] = entry.chip;
@@ -55,10 +67,8 @@ std::string trace_line(const TraceEntry &entry, const Request &request, const Re
     line["process"] = entry.process;
     line["node"] = entry.node;
     line["op"] = entry.operation;
-    if (request.op == Op::kIoctl) {
-        line["request"] = entry.request_name;
-        line["code"] = code_text(request.code);
-    }
+    if (request.op == Op::kIoctl || request.op == Op::kTerm) line["request"] = entry.request_name;
+    if (request.op == Op::kIoctl) line["code"] = code_text(request.code);
     line["in"] = request.in.size();
     line["out"] = reply.out.size();
     const Buffer &shown = request.in.empty() ? reply.out : request.in;
@@ -74,13 +84,16 @@ std::string trace_row(const std::string &json_line) {
                           "data");
     const auto line = nlohmann::json::parse(json_line, nullptr, false);
     if (!line.is_object() || !line.contains("op")) return json_line;
-    const std::string request =
-        member(line, "request").empty() ? member(line, "code") : member(line, "request");
+    std::string request = member(line, "request");
+    for (const char *otherwise : {"code", "direction"}) {
+        if (request.empty()) request = member(line, otherwise);
+    }
     const std::string result = line.contains("error") ? member(line, "error") : member(line, "result");
     return format_row(seconds_text(line).c_str(), member(line, "chip").c_str(),
                       member(line, "process").c_str(), member(line, "node").c_str(),
                       member(line, "op").c_str(), request.c_str(), member(line, "in").c_str(),
-                      member(line, "out").c_str(), result.c_str(), member(line, "data").c_str());
+                      member(line, "out").c_str(), result.c_str(),
+                      member(line, "data").substr(0, 2 * kTraceDataBytes).c_str());
 }
 
 }  // namespace qel::board

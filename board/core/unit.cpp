@@ -130,8 +130,10 @@ int Unit::find_target(const Request &request, Target &target) {
     target.open = &found->second;
     target.node = found->second.node;
     target.chip = found->second.chip;
+    if (request.op == Op::kTerm) target.request_name = terminal_call_name(request.code);
     if (request.op != Op::kIoctl) return 0;
     target.spec = find_spec(*target.node, request.code);
+    if (target.spec != nullptr) target.request_name = target.spec->name;
     return has_right_size(target.spec, request.in) ? 0 : -EFAULT;
 }
 
@@ -145,7 +147,7 @@ void Unit::arrive(Request &request, const Target &target) {
     waiting.started_ms = now_us() / 1000;
     if (faults_.empty() || target.chip == nullptr) return;
     const RequestView view{target.chip->number(), path_of(target), operation_name(request.op, request.code),
-                           target.request_name(), request.code};
+                           target.request_name, request.code};
     for (Fault &fault : faults_) {
         if (!matches(fault, view) || !fault.strikes()) continue;
         if (fault.action == FaultAction::kFail) waiting.error = static_cast<int>(fault.argument);
@@ -425,6 +427,25 @@ size_t Unit::medium_write(const Node &node, size_t bytes) {
     return reached;
 }
 
+LineFault Unit::line_fault(uint32_t chip, const std::string &line, bool to_host) {
+    LineFault fault;
+    for (Fault &known : faults_) strike_byte(known, chip, line, to_host, fault);
+    return fault;
+}
+
+void Unit::trace_line(uint32_t chip, const std::string &line, bool to_host, Bytes bytes) {
+    if (trace_ != nullptr && !bytes.empty())
+        put_trace(
+            trace_of_line({.time_us = now_us(), .chip = chip, .line = line, .to_host = to_host}, bytes));
+}
+
+RunnerWaits Unit::run_runners() {
+    RunnerWaits waits;
+    if (powerless_) return waits;
+    for (Runner *runner : runners_) runner->run(waits);
+    return waits;
+}
+
 // ---- the tester's face ----
 
 Answer Unit::poke(uint32_t number, std::string_view node, const std::vector<std::string> &words) {
@@ -453,6 +474,7 @@ void Unit::power_on() {
     for (const uint32_t id : all) close_handle(id);
     powerless_ = false;
     for (const auto &chip : chips_) chip->power_on();
+    wake_runners();
 }
 
 std::string Unit::state_file(const Chip &chip, const Node &node) const {
@@ -485,9 +507,13 @@ void Unit::trace(const Request &request, const Reply &reply, const Target &targe
                            .process = known ? std::string_view(client->second.process) : "",
                            .node = path_of(target),
                            .operation = operation_name(request.op, request.code),
-                           .request_name = target.request_name()};
-    const std::string line = trace_line(entry, request, reply) + "\n";
+                           .request_name = target.request_name};
+    put_trace(trace_of_request(entry, request, reply));
+}
+
+void Unit::put_trace(const std::string &line) const {
     std::fwrite(line.data(), 1, line.size(), trace_);
+    std::fputc('\n', trace_);
     std::fflush(trace_);
 }
 

@@ -23,7 +23,7 @@ public:
 
     const std::string &name() const { return name_; }
     const std::string &summary() const { return summary_; }
-    uint32_t time_scale() const { return time_scale_; }
+    uint32_t time_scale() const override { return time_scale_; }
 
     uint32_t add_client(uint32_t chip, uint32_t pid, const std::string &process);
     void rename_client(uint32_t client, uint32_t pid);
@@ -47,6 +47,8 @@ public:
     // Who is told of changes; see Board::on_change.
     std::function<void(uint32_t handle)> on_ready;
     std::function<void()> on_changed;
+    // Who calls run_runners is told that there is something to do.
+    std::function<void()> on_work;
 
     // ChipHost
     uint32_t chip_count() const override { return chip_count_; }
@@ -56,6 +58,16 @@ public:
     void misuse(const std::string &text) override;
     void event(const std::string &text) override;
     size_t medium_write(const Node &node, size_t bytes) override;
+    bool has_faults() const override { return !faults_.empty(); }
+    LineFault line_fault(uint32_t chip, const std::string &line, bool to_host) override;
+    void trace_line(uint32_t chip, const std::string &line, bool to_host, Bytes bytes) override;
+    void add_runner(Runner &runner) override { runners_.push_back(&runner); }
+    void wake_runners() override {
+        if (on_work) on_work();
+    }
+
+    // Lets every runner do what is due; answers what they wait for next (see runner.h).
+    RunnerWaits run_runners();
 
 private:
     struct Client {
@@ -76,7 +88,7 @@ private:
         Open *open = nullptr;               // of requests on a handle
         std::string path;                   // of requests on a path: normal
         const RequestSpec *spec = nullptr;  // of an ioctl that the device's class knows
-        const char *request_name() const { return spec != nullptr ? spec->name : ""; }
+        const char *request_name = "";      // of such an ioctl, or of a terminal call
     };
 
     int find_target(const Request &request, Target &target);
@@ -96,6 +108,7 @@ private:
     void cut_power();
     void load_device(Chip &chip, Node &node) const;
     std::string state_file(const Chip &chip, const Node &node) const;
+    void put_trace(const std::string &line) const;
     void trace(const Request &request, const Reply &reply, const Target &target) const;
 
     std::string name_;
@@ -112,6 +125,7 @@ private:
     std::FILE *trace_ = nullptr;
     std::vector<std::string> misuses_;
     std::vector<std::string> events_;
+    std::vector<Runner *> runners_;
     bool cutting_ = false;  // the request now served ends with a power cut
     bool powerless_ = false;
 };

@@ -25,7 +25,9 @@ constexpr const char *kPrefix = "qelboard-";
 // Locked as long as a process of the board's owner lives, forked children included.
 constexpr const char *kAliveFile = "/alive";
 constexpr const char *kSysvList = "/sysv";
-// A folder without that file may be one that is just being made.
+// Locked as long as a board uses the folder for its content.
+constexpr const char *kLockFile = "/lock";
+// A folder without either file may be one that is just being made.
 constexpr auto kLongestMaking = std::chrono::hours(1);
 
 // "sem ID" and "shm ID", one per line, written by the processes that made them.
@@ -44,13 +46,27 @@ void remove_run_dir(const std::string &run_dir) {
     fs::remove_all(run_dir, ignored);
 }
 
+// Nobody has it where there is no such file.
+bool has_lock_of(const std::string &path) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool locked = ::flock(fd, LOCK_EX | LOCK_NB) != 0;
+    ::close(fd);
+    return locked;
+}
+
+// A folder that a server or a user keeps a board in, whatever its name.
+bool is_kept(const fs::path &dir) {
+    return has_lock_of(dir.string() + kLockFile) || fs::exists(dir / "board");
+}
+
 bool is_abandoned(const fs::path &run_dir) {
     struct stat found {};
     if (::lstat(run_dir.c_str(), &found) != 0 || !S_ISDIR(found.st_mode) || found.st_uid != ::geteuid())
         return false;
     const int fd = ::open((run_dir.string() + kAliveFile).c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
-        if (errno != ENOENT) return false;
+        if (errno != ENOENT || is_kept(run_dir)) return false;
         std::error_code gone;
         const auto made = fs::last_write_time(run_dir, gone);
         return !gone && fs::file_time_type::clock::now() - made > kLongestMaking;
@@ -88,7 +104,7 @@ int lock_alive_file(const std::string &run_dir) {
 }
 
 int lock_dir(const std::string &dir) {
-    const std::string path = dir + "/lock";
+    const std::string path = dir + kLockFile;
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
     if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;

@@ -11,12 +11,16 @@ extern const DeviceClass kMiscClass;
 extern const DeviceClass kGpioClass;
 extern const DeviceClass kEepromClass;
 extern const DeviceClass kFlashClass;
+extern const DeviceClass kTtyClass;
+extern const DeviceClass kUartClass;
+extern const DeviceClass kMcuClass;
 
 namespace {
 
 std::vector<const DeviceClass *> &registry() {
     static std::vector<const DeviceClass *> all = {
-        &kHwidClass, &kChannelMapClass, &kMiscClass, &kGpioClass, &kEepromClass, &kFlashClass,
+        &kHwidClass,  &kChannelMapClass, &kMiscClass, &kGpioClass, &kEepromClass,
+        &kFlashClass, &kTtyClass,        &kUartClass, &kMcuClass,
     };
     return all;
 }

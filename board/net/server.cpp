@@ -171,7 +171,8 @@ void Server::Impl::run() {
     std::array<epoll_event, 64> events{};
     while (!stopping_) {
         const int count = epoll_wait(epoll_.get(), events.data(), events.size(), wait_ms());
-        for (int i = 0; i < count; ++i) {
+        // One that stops promises nobody to stay: who says "hold" now must find another server.
+        for (int i = 0; i < count && !stopping_; ++i) {
             const uint64_t number = events[static_cast<size_t>(i)].data.u64;
             if (number == kListener) {
                 accept_connection();
