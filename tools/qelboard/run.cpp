@@ -46,7 +46,9 @@ struct Pipe {
     }
 };
 
-[[noreturn]] void execute(const Launch &launch) {
+// In the child. `mask`: the signals that are blocked for it.
+[[noreturn]] void execute(const Launch &launch, const sigset_t &mask) {
+    sigprocmask(SIG_SETMASK, &mask, nullptr);
     std::vector<char *> arguments;
     std::vector<char *> environment;
     for (const std::string &word : launch.arguments) arguments.push_back(const_cast<char *>(word.c_str()));
@@ -80,7 +82,6 @@ public:
                 throw Failure("the board server at " + home_.dir() + " does not answer");
             std::this_thread::sleep_for(20ms);
         }
-        command(*link_, {"hold"});
         life_.reset();
     }
     ~ServedBoard() { leave(); }
@@ -142,13 +143,16 @@ private:
             throw Failure(text.empty() ? "the board server died at its start" : text);
         }
         link_ = connect_control(home_.socket());
+        command(*link_, {"hold"});
         return true;
     }
 
+    // False when no server answers, or one that ends at this moment.
     bool join(const BoardChoice &choice) {
         std::string error;
         link_ = board::ControlLink::connect(home_.socket(), error);
-        if (link_ == nullptr) return false;
+        const std::string hold[] = {"hold"};
+        if (link_ == nullptr || !link_->call(hold, error)) return false;
         const BoardInfo info = board_info(*link_);
         const std::string wanted =
             board::Description::parse(board::find_board(choice.board)).required_text("name");
@@ -171,7 +175,7 @@ private:
 
 class Resident {
 public:
-    Resident(const Place &place) : chip_(place.chip) {
+    Resident(const Place &place, const sigset_t &mask) : chip_(place.chip) {
         const Launch launch = launch_on(place, resident_command(place));
         Pipe input;
         Pipe output;
@@ -183,7 +187,7 @@ public:
             dup2(input.read.get(), STDIN_FILENO);
             dup2(output.write.get(), STDOUT_FILENO);
             dup2(output.write.get(), STDERR_FILENO);
-            execute(launch);
+            execute(launch, mask);
         }
         life_ = std::move(input.write);
         output_ = std::move(output.read);
@@ -255,17 +259,16 @@ public:
     void start_residents(uint32_t chips) {
         for (uint32_t chip = 0; chip < chips; ++chip) {
             if (chip == options_.place.chip) continue;
-            with_old_mask([&] { residents_.push_back(std::make_unique<Resident>(placed_on(chip))); });
+            residents_.push_back(std::make_unique<Resident>(placed_on(chip), old_mask_));
         }
     }
 
     int command() {
         const Launch launch = launch_on(placed_on(options_.place.chip), options_.command);
         fflush(nullptr);
-        with_old_mask([&] {
-            command_ = fork();
-            if (command_ == 0) execute(launch);
-        });
+        // Our signals stay blocked meanwhile: a command that ends at once would end unnoticed.
+        command_ = fork();
+        if (command_ == 0) execute(launch, old_mask_);
         if (command_ < 0) throw Failure(std::string("fork: ") + strerror(errno));
         while (command_ > 0) turn(-1);
         return status_;
@@ -296,15 +299,6 @@ private:
         place.chip = chip;
         place.failing_steps = failing_steps(options_.step_faults, chip);
         return place;
-    }
-
-    // Children start with the signals that we hold back for ourselves.
-    template <typename Body>
-    void with_old_mask(Body body) {
-        sigset_t ours;
-        sigprocmask(SIG_SETMASK, &old_mask_, &ours);
-        body();
-        sigprocmask(SIG_SETMASK, &ours, nullptr);
     }
 
     void turn(int timeout_ms) {

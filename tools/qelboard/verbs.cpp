@@ -11,6 +11,7 @@
 #include "board/core/board.h"
 #include "board/core/description.h"
 #include "board/core/trace.h"
+#include "board/peer/session.h"
 #include "tools/qelboard/home.h"
 #include "tools/qelboard/run.h"
 #include "tools/qelboard/step_fault.h"
@@ -22,12 +23,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char *kFaultHelp = R"(A fault is one line:
-  [chip N] NODE OPERATION[:REQUEST] ACTION [WHEN]      NODE may hold * and ?
+  [chip N] NODE OPERATION[:REQUEST] ACTION [WHEN]      NODE may hold * and ?; REQUEST as the trace shows it
   [chip N] [NODE] power-cut at N [torn BYTES]
   [chip N] step NAME fail                              of `run` only: a step of the library's chains
     OPERATION  open close read write seek ioctl map term stat list mkdir remove rename umount run
-               reboot, or *
+               reboot, or *; line[:in|:out] for the bytes on a serial line
     ACTION     fail ERRNO | short BYTES | flip BIT[,BIT...] | delay MS
+               of a line: lose | double | flip BIT[,BIT...] | delay MS | hang-up
     WHEN       at N | at N..M | from N | every N, counted from now; missing: always)";
 
 void add_board_options(CLI::App &verb, BoardChoice &choice) {
@@ -120,9 +122,14 @@ void make_board_file(const std::string &path, const std::string &from, bool over
 
 // ---- trace -------------------------------------------------------------------------------------
 
-void print_trace(const std::string &path, bool follow) {
+std::ifstream open_trace(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) throw Failure("cannot read " + path);
+    return file;
+}
+
+void print_trace(const std::string &path, bool follow) {
+    std::ifstream file = open_trace(path);
     std::cout << board::trace_row("") << '\n';
     std::string text;  // the start of a line, while the board is still writing it
     char part[4096];
@@ -137,6 +144,22 @@ void print_trace(const std::string &path, bool follow) {
         if (follow) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     } while (follow && std::cout);
     if (!text.empty()) std::cout << board::trace_row(text) << '\n';
+}
+
+struct SessionOptions {
+    std::string line;
+    uint32_t chip = 0;
+    uint32_t opening = 1;
+};
+
+void print_session(const std::string &path, const SessionOptions &wanted) {
+    std::ifstream file = open_trace(path);
+    board::SessionReader session(wanted.chip, wanted.line, wanted.opening);
+    for (std::string entry; std::getline(file, entry);) session.read(entry);
+    if (session.empty())
+        throw Failure(path + " has no bytes of " + wanted.line + " on chip " + std::to_string(wanted.chip) +
+                      " from when it was opened for the " + std::to_string(wanted.opening) + ". time");
+    print(session.as_peer());
 }
 
 }  // namespace
@@ -250,6 +273,20 @@ void add_trace(CLI::App &app, CommandLine &) {
     read->add_option("file", *path, "The trace")->required();
     read->add_flag("--follow,-f", *follow, "Go on as it grows, until Ctrl-C");
     read->callback([=] { print_trace(*path, *follow); });
+
+    auto wanted = std::make_shared<SessionOptions>();
+    auto *session = verb->add_subcommand(
+        "session", "Print what was said on a serial line as a peer that replays it, for a board file");
+    session->add_option("file", *path, "The trace")->required();
+    session
+        ->add_option("line", wanted->line,
+                     "The line: a node, for example /dev/ttyS1, /dev/qecMcu/raw or /dev/qecMcu/24")
+        ->required();
+    session->add_option("--chip", wanted->chip, "The chip of the line");
+    session->add_option("--opening", wanted->opening, "Which time that the line was opened")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    session->callback([=] { print_session(*path, *wanted); });
 
     auto *start = verb->add_subcommand("start", "Let a running board append its trace to a file");
     start->add_option("file", *path, "The trace")->required();

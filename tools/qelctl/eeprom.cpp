@@ -10,6 +10,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "tools/qelctl/byte_text.h"
 #include "tools/qelctl/confirm.h"
 #include "tools/qelctl/exit_code.h"
 #include "tools/qelctl/host_file.h"
@@ -190,7 +191,7 @@ void get_from_eeprom(Session &session, const EepromChoice &choice) {
         return;
     }
     ordered_json document = file_json(file);
-    document["content"] = hexadecimal_text(bytes);
+    document["content"] = hex_text(bytes.data(), bytes.size());
     print_json(document);
 }
 

@@ -160,9 +160,7 @@ std::string names_or_none(const std::vector<std::string> &names) {
 
 std::string environment_text(const EnvironmentBlock &block) {
     const auto line = [](const char *name, const std::string &value) {
-        std::string padded = name;
-        padded.resize(14, ' ');
-        return bold(padded, wants_colour()) + value + "\n";
+        return named_value(name, 14, value, wants_colour());
     };
     char sums[64];
     snprintf(sums, sizeof sums, "stored %08x, computed %08x: ", block.stored_crc, block.computed_crc);

@@ -28,7 +28,7 @@ constexpr ExitCodeMeaning kExitCodes[] = {
     {ExitCode::kNoLibrary, "libqel.so does not load, or is too old for this qelctl"},
     {ExitCode::kNoAnswer, "no answer from the library within --timeout"},
     {ExitCode::kNoOutput, "the output could not be written"},
-    {ExitCode::kInterrupted, "a signal ended work on flash between two blocks; the message says where"},
+    {ExitCode::kInterrupted, "a signal ended the work before all of it was done; the message says where"},
 };
 
 // Ends the program with `code` after "qelctl: <what>" on standard error. `what` names the cause and

@@ -96,9 +96,7 @@ void show_flash_info(const Library &library, const FlashChoice &choice) {
         return;
     }
     const auto line = [](const char *name, const std::string &value) {
-        std::string padded = name;
-        padded.resize(22, ' ');
-        return bold(padded, wants_colour()) + value + "\n";
+        return named_value(name, 22, value, wants_colour());
     };
     print(line("type", flash_type_name(info.type)) + line("page", std::to_string(info.pageBytes) + " bytes") +
           line("erase block", std::to_string(info.eraseBytes) + " bytes") +

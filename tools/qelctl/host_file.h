@@ -29,6 +29,5 @@ private:
 };
 
 std::string last_part(const std::string &path);
-std::string hexadecimal_text(const std::vector<uint8_t> &bytes);
 
 }  // namespace qelctl

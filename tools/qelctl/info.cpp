@@ -67,9 +67,7 @@ std::string describe_channels(const ChannelMap &map) {
 std::string to_text(const Info &info, bool colour) {
     const Unit &unit = info.unit;
     const auto line = [colour](const char *name, const std::string &value) {
-        std::string padded = name;
-        padded.resize(14, ' ');
-        return bold(padded, colour) + value + "\n";
+        return named_value(name, 14, value, colour);
     };
     std::string text = line("product", printable(unit.product));
     text += line("chips", describe_chips(unit));

@@ -1,5 +1,6 @@
-// interrupt.h - Ctrl-C while flash or EEPROM are changed: what must not be cut in two is finished
-// first, long work ends between two blocks. The second Ctrl-C ends the program at once.
+// interrupt.h - Ctrl-C during what must not be cut in two (a change of flash or EEPROM, a frame on a
+// line): that is finished first, long work ends between two blocks. The second Ctrl-C ends the program
+// at once.
 #pragma once
 
 #include <csignal>

@@ -25,6 +25,11 @@ bool is_set(const char *variable) {
     throw Failure(ExitCode::kNoOutput, std::string("cannot write the output: ") + strerror(error) + ".");
 }
 
+// Device strings need not be UTF-8; JSON must be.
+void print_json_indented(const nlohmann::ordered_json &document, int indent) {
+    print(document.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+}
+
 }  // namespace
 
 void keep_output_to_ourselves() {
@@ -47,10 +52,9 @@ void print(const std::string &text) {
     }
 }
 
-void print_json(const nlohmann::ordered_json &document) {
-    // Device strings need not be UTF-8; JSON must be.
-    print(document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
-}
+void print_json(const nlohmann::ordered_json &document) { print_json_indented(document, 2); }
+
+void print_json_line(const nlohmann::ordered_json &line) { print_json_indented(line, -1); }
 
 bool wants_colour() {
     const char *terminal = getenv("TERM");

@@ -14,6 +14,8 @@ void keep_output_to_ourselves();
 // Writes everything or throws Failure(kNoOutput).
 void print(const std::string &text);
 void print_json(const nlohmann::ordered_json &document);
+// On one line, where more are to come.
+void print_json_line(const nlohmann::ordered_json &line);
 
 // Colour belongs on a terminal, unless NO_COLOR is set (and not empty) or the terminal is a dumb one.
 bool wants_colour();

@@ -24,6 +24,12 @@ std::string bold(std::string_view text, bool colour) {
     return colour ? "\033[1m" + std::string(text) + "\033[0m" : std::string(text);
 }
 
+std::string named_value(std::string_view name, size_t width, const std::string &value, bool colour) {
+    std::string padded(name);
+    padded.resize(width, ' ');
+    return bold(padded, colour) + value + "\n";
+}
+
 Table::Table(std::vector<std::string> headings) : headings_(std::move(headings)) {}
 
 void Table::add(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }

@@ -13,6 +13,9 @@ std::string printable(std::string_view text);
 
 std::string bold(std::string_view text, bool colour);
 
+// A line that names one value, the values of lines of the same width below each other.
+std::string named_value(std::string_view name, size_t width, const std::string &value, bool colour);
+
 // Columns as wide as their longest cell, two blanks between them; columns of numbers stand to the right.
 class Table {
 public:

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "tools/qelctl/byte_text.h"
 #include "tools/qelctl/exit_code.h"
 
 namespace qelctl {
@@ -47,16 +48,6 @@ std::optional<std::vector<unsigned>> read_extended_id(const Library &library) {
         bytes.push_back(value);
     }
     return bytes;
-}
-
-std::string hexadecimal(const unsigned char *bytes, size_t count) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < count; ++i) {
-        text += digits[bytes[i] >> 4];
-        text += digits[bytes[i] & 15];
-    }
-    return text;
 }
 
 }  // namespace
@@ -140,8 +131,8 @@ Unit read_unit(const Library &library) {
     unit.master_slave_mark = mark;
     unit.map = read_channel_map(library);
     unit.extended_id = read_extended_id(library);
-    unit.information = hexadecimal(information, sizeof information);
-    unit.base_configuration = hexadecimal(base, sizeof base);
+    unit.information = hex_text(information, sizeof information);
+    unit.base_configuration = hex_text(base, sizeof base);
     return unit;
 }
 

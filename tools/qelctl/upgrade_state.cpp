@@ -133,9 +133,7 @@ ordered_json upgrade_json(const UpgradeState &state) {
 
 std::string upgrade_text(const UpgradeState &state, bool colour) {
     const auto line = [colour](const char *name, const std::string &value) {
-        std::string padded = name;
-        padded.resize(16, ' ');
-        return bold(padded, colour) + value + "\n";
+        return named_value(name, 16, value, colour);
     };
     std::string text;
     if (state.flags) {

@@ -22,6 +22,9 @@ void add_eeprom(CLI::App &app, Session &session);
 void add_flash(CLI::App &app, Session &session);
 void add_upgrade_state(CLI::App &app, Session &session);
 void add_keyvalue(CLI::App &app, Session &session);
+void add_serial(CLI::App &app, Session &session);
+void add_microcontroller(CLI::App &app, Session &session);
+void add_framed_link(CLI::App &app, Session &session);
 void add_version(CLI::App &app, Session &session);
 // Hidden: they print what the build installs, made from the same description as --help.
 void add_completion(CLI::App &app, Session &session);

@@ -10,8 +10,9 @@ namespace qelctl {
 namespace {
 
 constexpr AddVerb kVerbs[] = {
-    add_info,          add_properties, add_channels, add_environment, add_eeprom, add_flash,
-    add_upgrade_state, add_keyvalue,   add_version,  add_completion,  add_manual,
+    add_info,        add_properties,    add_channels,   add_environment, add_eeprom,
+    add_flash,       add_upgrade_state, add_keyvalue,   add_serial,      add_microcontroller,
+    add_framed_link, add_version,       add_completion, add_manual,
 };
 
 constexpr size_t kLongestName = 15;  // the kernel's limit for a command name
