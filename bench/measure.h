@@ -95,9 +95,9 @@ struct Rounds {
 
 // The first round only warms up.
 inline Rounds measure(const std::function<void()> &way, const std::function<void()> &with,
-                      int calls_per_round) {
+                      int calls_per_round, int round_count = kRounds) {
     Rounds rounds;
-    for (int round = 0; round <= kRounds; ++round) {
+    for (int round = 0; round <= round_count; ++round) {
         const double with_us = us_per_call(calls_per_round, with);
         const double cost_us = us_per_call(calls_per_round, way);
         if (round == 0) continue;

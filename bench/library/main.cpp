@@ -8,7 +8,6 @@
 #include <map>
 #include <string>
 
-#include "bench/library/memory.h"
 #include "bench/library/world.h"
 #include "board/core/board.h"
 #include "platform/include/osa.h"
@@ -137,6 +136,18 @@ constexpr const char *kFormatted = "its line formatted";
 
 constexpr int kLoads = 200;
 
+// Private bytes (in KiB) that loading `path` adds to a process on a board; -1 if it fails.
+long added_private_kib(const std::string &path) {
+    const std::string command =
+        QEL_BIN_DIR "/qelboard run dome --as vesta -- " QEL_BIN_DIR "/added-memory " + path;
+    FILE *output = popen(command.c_str(), "r");
+    if (output == nullptr) return -1;
+    long kib = -1;
+    // What the library prints comes first.
+    for (char line[256]; fgets(line, sizeof line, output) != nullptr;) sscanf(line, "added %ld", &kib);
+    return pclose(output) == 0 ? kib : -1;
+}
+
 void register_all() {
     const auto add = [](const char *name, auto function, auto... arguments) {
         return benchmark::RegisterBenchmark(name, function, arguments...)
@@ -157,11 +168,10 @@ void register_all() {
 
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
+    const long added_kib = added_private_kib(kLibrary);
+    const long empty_kib = added_private_kib(kEmpty);
     qel::board::Board board(qel::board::find_board("dome"));
     board.enter({.chip = 0, .as = "vesta"});
-
-    const long added_kib = qel::bench::added_private_kib(kLibrary);
-    const long empty_kib = qel::bench::added_private_kib(kEmpty);
 
     register_all();
     Medians medians;
