@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# seeds.sh - writes the inputs that the fuzz targets of the upgrade images start from to fuzz/corpus.
-# The images are those of mkfs.cramfs (util-linux); the results are kept in the tree.
+# seeds.sh - writes the inputs that the fuzz targets of the upgrade images, of EEPROM chips and of the framed
+# link start from to fuzz/corpus. The images are those of mkfs.cramfs (util-linux); the results are kept in the
+# tree.
 set -euo pipefail
 cd "$(dirname "$0")"
 export PATH=$PATH:/usr/sbin:/sbin
@@ -71,3 +72,25 @@ mkdir -p corpus/eefs
     for ((i = 0; i < 8; ++i)); do words 0 $((120 + 60 * i)) 0xFFFF; done
     for ((i = 0; i < 8; ++i)); do eeprom_file "file$i" 60 4; done
 } >corpus/eefs/contradictions
+
+# Streams of the framed link: the first byte chooses the size of the pieces (fuzz/commlen_fuzz.cpp).
+bytes() { # bytes HEX
+    local at
+    for ((at = 0; at < ${#1}; at += 2)); do printf '%b' "\\x${1:at:2}"; done
+}
+frame() { # frame NUMBER COMMAND PAYLOAD ERROR - the payload in hex, ERROR is added to the checksum
+    local hex at
+    local -i sum=0
+    printf -v hex 'AA10%02X%02X%02X%s' "$1" $((${#3} / 2 + 2)) "$2" "$3"
+    for ((at = 0; at < ${#hex}; at += 2)); do sum+=0x${hex:at:2}; done
+    printf -v hex '%s%02X' "$hex" $((sum + ${4:-0} & 255))
+    bytes "$hex"
+}
+zero_payload=$(printf '%0506d' 0) # 253 bytes
+mkdir -p corpus/commlen
+{ bytes 06; frame 0 0x21 ""; frame 1 0x30 010203; frame 2 0x31 "$zero_payload"; } >corpus/commlen/exchange
+{ bytes FFAA10090802; printf abcde; frame 10 2 616263646566; } >corpus/commlen/lost-byte
+{ bytes 14; frame 3 4 AA10010402696E98; bytes AA1000FF; frame 4 4 ""; } >corpus/commlen/nested
+{ bytes 01AA100501; frame 6 6 78; } >corpus/commlen/short-length
+{ bytes 00AAAA; frame 5 1 AA10; bytes AA; } >corpus/commlen/stray-marks
+{ bytes 03; frame 9 2 616263 1; frame 10 2 616263; } >corpus/commlen/wrong-sum
