@@ -5,9 +5,8 @@ set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-# Everything C++ here comes from one compiler: how GCC 7 changed its calls concerns nobody. GCC 12 sees
-# overlaps in "text" + std::string() where there are none.
-set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi -Wno-restrict")
+# Everything C++ here comes from one compiler: how GCC 7 changed its calls concerns nobody.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
 set(QEL_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf CACHE PATH "Root of the armhf packages")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES QEL_SYSROOT)

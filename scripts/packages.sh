@@ -3,7 +3,7 @@
 
 declare -rA packages=(
     [build]="g++ make cmake ninja-build pkg-config nlohmann-json3-dev libcli11-dev libtomlplusplus-dev zlib1g-dev"
-    [test]="libgtest-dev u-boot-tools libubootenv-tool"
+    [test]="libgtest-dev u-boot-tools libubootenv-tool socat"
     [bench]="libbenchmark-dev libubootenv-dev"
     [clang]="clang-14 libclang-rt-14-dev"
     [lint]="clang-tidy-14 clang-format-14 shellcheck"

@@ -4,6 +4,7 @@
 #include <sys/sem.h>
 #include <unistd.h>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -279,6 +280,27 @@ TEST(Board, CleansUpBehindBoardsThatWereKilled) {
         EXPECT_EQ(semctl(semaphore, 0, GETVAL), -1);
     }
     EXPECT_EQ(count(), 1);
+    unsetenv("TMPDIR");
+}
+
+TEST(Board, LeavesFoldersThatAreKept) {
+    namespace fs = std::filesystem;
+    const TemporaryDir temporary;
+    const fs::path served = temporary.path() + "/qelboard-served";
+    const fs::path kept = temporary.path() + "/qelboard-kept";
+    const fs::path forgotten = temporary.path() + "/qelboard-forgotten";
+    setenv("TMPDIR", temporary.path().c_str(), 1);
+    {
+        const Board living("name = \"living\"\n[[chip]]\n", {.dir = served.string()});
+        for (const fs::path &dir : {served, kept, forgotten}) fs::create_directories(dir / "chip0");
+        std::ofstream(kept / "board") << "box\n";
+        const auto long_ago = fs::file_time_type::clock::now() - std::chrono::hours(2);
+        for (const fs::path &dir : {served, kept, forgotten}) fs::last_write_time(dir, long_ago);
+        const Board next("name = \"next\"\n[[chip]]\n");
+        EXPECT_TRUE(fs::exists(served / "chip0"));
+        EXPECT_TRUE(fs::exists(kept / "chip0"));
+        EXPECT_FALSE(fs::exists(forgotten));
+    }
     unsetenv("TMPDIR");
 }
 

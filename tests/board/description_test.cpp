@@ -36,6 +36,13 @@ const Wrong kWrong[] = {
      "from 1 to 1024"},
     {"an element out of range", "name = \"x\"\n[[chip]]\n[chip.gpio]\nlines = 4\nhigh = [3, 4]\n", 5,
      "chip.gpio.high", "from 0 to 3"},
+    {"a line of a port that is not in the map",
+     "name = \"x\"\n[[chip]]\n[chip.misc]\n[[chip.tty]]\nnode = \"/dev/ttyS1\"\nport = 1\n", 6,
+     "chip.tty.port", "is not in the port map"},
+    {"two lines of one port",
+     "name = \"x\"\n[[chip]]\n[chip.misc]\n[[chip.port]]\nnumber = 1\n[[chip.uart]]\nnumber = 1\nport = 1\n"
+     "[chip.mcu]\nraw = { port = 1 }\n",
+     10, "chip.mcu.raw.port", "another line has it"},
     {"a wire to itself", "name = \"x\"\n[[chip]]\n[chip.gpio]\nwire = [{ from = 1, to = 1 }]\n", 4,
      "chip.gpio.wire", "two different lines"},
     {"no product name", "name = \"x\"\n[[chip]]\n[chip.hwid]\n", 3, "chip.hwid.name", "is missing"},

@@ -22,6 +22,7 @@ TEST(BoardFault, SaysWhichWordIsWrong) {
         {"/dev/x grow fail EIO", "\"grow\" is not an operation"},
         {"/dev/x read:ALL fail EIO", "only an ioctl"},
         {"/dev/x ioctl: fail EIO", "no request"},
+        {"/dev/x term:tcslip fail EIO", "\"tcslip\" is not a terminal call"},
         {"/dev/x read burn", "\"burn\" is none of"},
         {"/dev/x read fail", "the name of an error"},
         {"/dev/x read fail EBROKEN", "\"EBROKEN\""},

@@ -94,6 +94,14 @@ TEST(Families, MatchTheBeginningOfTheProductName) {
     EXPECT_FALSE(is_of_family({}, "DOME", Family::kHardwareRs485Direction));
 }
 
+TEST(ProductData, FixesTheLineOfAPortByTheFirstRuleThatFits) {
+    constexpr LineRule kRules[] = {{"DOME-2", 1, FixedLine::kRs485}, {"DOME", 1, FixedLine::kRs232}};
+    EXPECT_EQ(fixed_line_of(kRules, "DOME-2M", 1), FixedLine::kRs485);
+    EXPECT_EQ(fixed_line_of(kRules, "DOME-3M", 1), FixedLine::kRs232);
+    EXPECT_EQ(fixed_line_of(kRules, "DOME-2M", 2), FixedLine::kUnknown);
+    EXPECT_EQ(fixed_line_of(kRules, "BOX", 1), FixedLine::kUnknown);
+}
+
 }  // namespace
 }  // namespace qel::product
 

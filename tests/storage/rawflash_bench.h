@@ -55,7 +55,7 @@ inline std::string raw_board(const Medium &medium, const BoardKeys &keys = {}) {
     };
     const uint64_t fpga = 16 * bytes;
     return "name = \"bench\"\n[[chip]]\n[chip.hwid]\nname = \"BX-200\"\n[chip.hwid.properties]\n5 = 3\n"
-           "[chip.channel_map]\nchannel = [{ logical = 0 }]\n[chip.flash]\nkind = \"" +
+           "[chip.misc]\n[chip.channel_map]\nchannel = [{ logical = 0 }]\n[chip.flash]\nkind = \"" +
            std::string(medium.kind) + "\"\nerase_bytes = " + std::to_string(medium.erase_bytes) +
            "\npage_bytes = " + std::to_string(medium.page_bytes) + "\nfpga_start = " + std::to_string(fpga) +
            "\n" + keys.of_flash + "\npartition = [\n" + part("before") +

@@ -53,5 +53,14 @@ TEST(Examples, TheSmallestProgramNamesTheBoardOrSaysWhyNot) {
     EXPECT_TRUE(holds(broken.err, "the library does not know this board")) << broken.err;
 }
 
+TEST(Examples, AQuestionOnAPortGetsItsAnswer) {
+    const Outcome asked = run("qelboard run dome --as vesta -- qel-rs485 2 'who is there?'");
+    EXPECT_EQ(asked.code, 0) << asked.err;
+    EXPECT_EQ(asked.out, "who is there?\n");
+    const Outcome nobody = run("qelboard run box --as vesta -- qel-rs485 9 hello");
+    EXPECT_EQ(nobody.code, 1);
+    EXPECT_TRUE(holds(nobody.err, "there is no port 9")) << nobody.err;
+}
+
 }  // namespace
 }  // namespace qel::test

@@ -304,8 +304,8 @@ TEST(Qelctl, CompletesVerbsOptionsAndNames) {
 TEST(Qelctl, HelpAndManualListTheSameVerbsAndExitCodes) {
     const std::string help = run("qelctl --help").out;
     const std::string manual = run("qelctl manual").out;
-    for (const char *verb :
-         {"info", "properties", "channels", "env", "eeprom", "flash", "upgrade-state", "kv", "version"}) {
+    for (const char *verb : {"info", "properties", "channels", "env", "eeprom", "flash", "upgrade-state",
+                             "kv", "serial", "mcu", "link", "version"}) {
         EXPECT_TRUE(holds(help, std::string("\n  ") + verb + " ")) << verb;
         std::string in_roff = verb;
         if (const size_t dash = in_roff.find('-'); dash != std::string::npos) in_roff.insert(dash, "\\");

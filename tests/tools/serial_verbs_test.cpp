@@ -1,0 +1,422 @@
+// The verbs of qelctl that talk on serial lines, on virtual boards with somebody at the far end.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/tools/command.h"
+#include "tests/tools/schema.h"
+
+namespace qel::test {
+namespace {
+
+using nlohmann::json;
+
+enum Exit { kOk = 0, kFailed = 1, kUsage = 2, kNoOutput = 5, kInterrupted = 6 };
+
+bool holds(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+Outcome on_board(const std::string &board, const std::string &script) {
+    const Scratch scratch;
+    const std::string path = scratch.file("script", "cd " + scratch.path() + "\n" + script);
+    return run("qelboard run " + board + " --as vesta -- sh " + path);
+}
+
+// How a command ended, and what it said in either stream.
+void expect_end(const Outcome &outcome, int code, const std::string &said) {
+    EXPECT_EQ(outcome.code, code) << outcome.err;
+    EXPECT_TRUE(holds(outcome.out + outcome.err, said)) << said << "\nin " << outcome.out << outcome.err;
+}
+
+Outcome on_dome(const std::string &script) { return on_board("dome", script); }
+
+std::string broken(const std::string &definition, const json &document) {
+    static const json schema = json::parse(read_all(QEL_SCHEMA));
+    return violation(schema, definition, document);
+}
+
+// What a command prints with --json, checked.
+json document(const std::string &board, const std::string &command, const std::string &definition,
+              int code = kOk) {
+    const Outcome outcome = on_board(board, command + " --json");
+    EXPECT_EQ(outcome.code, code) << command << "\n" << outcome.err;
+    const json parsed = json::parse(outcome.out, nullptr, false);
+    EXPECT_EQ(broken(definition, parsed), "") << command << "\n" << outcome.out;
+    return parsed;
+}
+
+std::vector<json> lines_of(const std::string &text, const std::string &definition) {
+    std::vector<json> documents;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        documents.push_back(json::parse(line, nullptr, false));
+        EXPECT_EQ(broken(definition, documents.back()), "") << line;
+    }
+    return documents;
+}
+
+std::string repeated(const std::string &text, size_t times) {
+    std::string all;
+    for (size_t i = 0; i < times; ++i) all += text;
+    return all;
+}
+
+// ---- ports ----
+
+TEST(SerialList, TellsWhatIsBehindEachPort) {
+    const std::tuple<const char *, size_t, const char *, const char *> cases[] = {
+        {"dome", 2, "tty", R"(["switchable","RS-485",12,13])"},
+        {"dome", 3, "driver UART", R"(["RS-485",null,14,null])"},
+        {"dome", 8, "USB adapter", R"(["RS-232",null,null,null])"},
+        {"traffic", 1, "secondary controller", R"(["RS-232",null,null,null])"},
+        {"box", 1, "tty", R"(["RS-485",null,8,null])"},
+    };
+    for (const auto &[board, index, kind, expected] : cases) {
+        SCOPED_TRACE(board);
+        const json port = document(board, "qelctl serial list", "serial_ports")["ports"].at(index);
+        EXPECT_EQ(port["port"], index);
+        EXPECT_EQ(port["kind_name"], kind);
+        EXPECT_EQ("[" + port["line"].dump() + "," + port["mode"].dump() + "," +
+                      port["direction_line"].dump() + "," + port["status_line"].dump() + "]",
+                  expected);
+    }
+    EXPECT_EQ(on_board("nor", "qelctl serial list").out,
+              "port  kind  usage  line    now  direction  status  given tty\n"
+              "   0  tty       0  RS-232    -          -       -          -\n");
+}
+
+TEST(SerialSend, GetsAnEchoOnEveryKindOfPort) {
+    const std::pair<std::string, std::vector<std::string>> boards[] = {
+        {"dome", {"2", "2 --mode rs232", "3 --line 2400-8E1", "4", "5", "8"}}, {"traffic", {"1", "3"}}};
+    for (const auto &[board, ports] : boards) {
+        for (const std::string &port : ports) {
+            const json sent =
+                document(board, "qelctl serial send " + port + " 'ping\\r\\n' --hex 'ff 00' --wait 5000",
+                         "serial_sent");
+            EXPECT_EQ(sent["answer"], "70696e670d0aff00") << board << " " << port;
+            EXPECT_EQ(sent["answer_text"], "ping\\r\\n\\xff\\0") << board << " " << port;
+        }
+    }
+    const Outcome rows = on_dome("qelctl serial send 2 0123456789abcdefGH --wait 5000");
+    EXPECT_EQ(rows.out,
+              "30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 |0123456789abcdef|\n"
+              "47 48                                           |GH|\n");
+}
+
+TEST(SerialSend, EndsBetweenTwoFramesWhenTold) {
+    const Outcome outcome = on_dome(
+        "head -c 5000 /dev/zero >zeros; qelboard poke /dev/ttyS2 timed 1 >/dev/null\n"
+        "qelctl serial send 2 --file zeros & s=$!\n"
+        "until qelboard show | grep -q 'direction *transmit'; do sleep 0.05; done\n"
+        "kill -INT $s; wait $s; code=$?; qelboard show; exit $code");
+    expect_end(outcome, kInterrupted, "port 2 took 960 of 5000 bytes, then a signal came.");
+    EXPECT_FALSE(holds(outcome.out, "transmit")) << "nobody else can talk on that line";
+}
+
+// ---- monitor ----
+
+// Starts a monitor of the dome's port 1 as $m, and goes on when it listens.
+std::string monitor_script(const std::string &options, const std::string &then) {
+    return "qelctl serial monitor 1 --line 19200-8N1 " + options +
+           " & m=$!\n"
+           "until qelboard show | grep -q '19200 8N1'; do sleep 0.05; done\n" +
+           then + "\nwait $m\n";
+}
+
+constexpr const char *kSay = "qelboard poke /dev/ttyS1 send ";
+
+TEST(SerialMonitor, PutsBytesInRowsHoweverTheyCome) {
+    const std::string say = std::string(kSay) + "30313233 >/dev/null; " + kSay +
+                            "343536373839616263646566ff0a >/dev/null; " + kSay + "0a78 >/dev/null";
+    const Outcome hex = on_dome(monitor_script("--gap 9000 --time none --count 20", say));
+    expect_end(hex, kOk, "qelctl: 20 bytes\n");
+    EXPECT_EQ(hex.out,
+              "30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 |0123456789abcdef|\n"
+              "ff 0a 0a 78                                     |...x|\n");
+    const Outcome text = on_dome(monitor_script("--gap 9000 --form text --time none --count 20", say));
+    EXPECT_EQ(text.out, "0123456789abcdef\\xff\\n\n\\n\nx\n");
+    const Outcome marked = on_dome(monitor_script("--gap 9000 --json --count 20", say));
+    const std::vector<json> groups = lines_of(marked.out, "serial_bytes");
+    ASSERT_EQ(groups.size(), 1U);
+    EXPECT_EQ(groups[0]["bytes"], "30313233343536373839616263646566ff0a0a78");
+    EXPECT_EQ(groups[0]["text"], "0123456789abcdef\\xff\\n\\nx");
+}
+
+TEST(SerialMonitor, LosesNothingWhileBytesPourIn) {
+    const std::string block = repeated("000d0a1b7fff5aa5", 250);  // 2000 bytes
+    const Outcome raw = on_board(
+        "dome", monitor_script("--form raw --count 60000",
+                               "for i in $(seq 30); do " + std::string(kSay) + block + " >/dev/null; done"));
+    EXPECT_EQ(raw.code, kOk) << raw.err;
+    EXPECT_TRUE(raw.out == repeated(std::string("\0\r\n\x1b\x7f\xffZ\xa5", 8), 7500)) << raw.out.size();
+}
+
+TEST(SerialMonitor, EndsCleanlyWhenToldAndWhenTheLineEnds) {
+    const Outcome interrupted = on_board(
+        "dome", monitor_script("--form raw", std::string(kSay) + "41 >/dev/null; sleep 0.3; kill -INT $m"));
+    expect_end(interrupted, kOk, "qelctl: 1 bytes\n");
+    EXPECT_EQ(interrupted.out, "A");
+    expect_end(on_dome(monitor_script("", "qelboard poke /dev/ttyS1 hang-up >/dev/null")), kFailed,
+               "qelctl: the line ended");
+    EXPECT_EQ(on_dome("qelctl serial monitor 1 --for 0.1 --timeout 1").code, kOk);
+}
+
+// ---- bridge ----
+
+// Sends all and hears as much again.
+std::string send_and_hear(int fd, const std::string &sent) {
+    std::thread writer([&] {
+        size_t done = 0;
+        for (ssize_t put = 1; put > 0 && done < sent.size();
+             done += static_cast<size_t>(std::max<ssize_t>(put, 0)))
+            put = write(fd, sent.data() + done, sent.size() - done);
+    });
+    std::string heard;
+    struct pollfd one = {fd, POLLIN, 0};
+    while (heard.size() < sent.size() && poll(&one, 1, 20000) > 0) {
+        char piece[1024];
+        const ssize_t count = read(fd, piece, sizeof piece);
+        if (count <= 0) break;
+        heard.append(piece, static_cast<size_t>(count));
+    }
+    writer.join();
+    return heard;
+}
+
+int connect_to(const std::string &address) {
+    struct sockaddr_in target = {};
+    target.sin_family = AF_INET;
+    target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    target.sin_port = htons(static_cast<uint16_t>(std::stoi(address.substr(address.find(':') + 1))));
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(fd, reinterpret_cast<struct sockaddr *>(&target), sizeof target) != 0) return -1;
+    return fd;
+}
+
+TEST(SerialBridge, LendsAPortToOtherPrograms) {
+    std::string sent;
+    for (size_t i = 0; i < 5000; ++i) sent += static_cast<char>(i * 7 + i / 251);
+    const std::pair<const char *, bool> cases[] = {
+        {"2 --tcp 0", true}, {"8 --pty", false}, {"2 --link port", false}};
+    for (const auto &[options, is_tcp] : cases) {
+        SCOPED_TRACE(options);
+        const Scratch scratch;
+        Outcome outcome{};
+        std::thread bridge([&, options = options] {
+            outcome = on_dome("cd " + scratch.path() + "\nqelctl serial bridge " + options +
+                              " --once --json >part & b=$!\n"
+                              "until [ -s part ]; do sleep 0.05; done; mv part told; wait $b");
+        });
+        std::string told;
+        for (int i = 0; i < 400 && told.empty(); ++i) {
+            usleep(50000);
+            told = read_all(scratch.path() + "/told");
+        }
+        const std::vector<json> lines = lines_of(told, "serial_bridge");
+        const std::string address = lines.empty() ? "" : lines[0]["address"].get<std::string>();
+        const std::string path = address[0] == '/' ? address : scratch.path() + "/" + address;
+        const int fd = is_tcp ? connect_to(address) : open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        EXPECT_GE(fd, 0) << address;
+        EXPECT_TRUE(send_and_hear(fd, sent) == sent);
+        close(fd);
+        bridge.join();
+        expect_end(outcome, kOk, "qelctl: 5000 bytes to the port, 5000 bytes from it\n");
+        EXPECT_NE(access((scratch.path() + "/port").c_str(), F_OK), 0) << "the link is still there";
+    }
+}
+
+TEST(SerialBridge, KeepsTheUsersOfAPseudoTerminalApart) {
+    const Outcome quick = on_dome(
+        "qelctl serial bridge 1 --link port --once >told & b=$!\n"
+        "until [ -s told ]; do sleep 0.05; done\n"
+        "head -c 3500 /dev/zero >port; wait $b");
+    expect_end(quick, kOk, "qelctl: 3500 bytes to the port, 0 bytes from it\n");
+    const Outcome unread = on_dome(
+        "qelctl serial bridge 1 --link port 2>told & b=$!\n"
+        "until [ -e port ]; do sleep 0.05; done\n"
+        "exec 3<port; until grep -q come told; do sleep 0.05; done\n"
+        "qelboard poke /dev/ttyS1 send 6f6c64 >/dev/null; sleep 0.3\n"
+        "exec 3<&-; until grep -q gone told; do sleep 0.05; done\n"
+        "timeout 0.5 cat port; kill $b; wait $b; cat told >&2");
+    EXPECT_TRUE(holds(unread.err, "3 bytes from it\n")) << unread.err;
+    EXPECT_FALSE(holds(unread.out, "old")) << unread.out;
+}
+
+// ---- loopback test ----
+
+TEST(SerialLoopbackTest, CountsWhatTheWireDoes) {
+    const json good = document("dome", "qelctl serial loopback-test 2 --bytes 40", "serial_test")["results"];
+    EXPECT_EQ(good.size(), 48U);
+    for (const json &result : good)
+        EXPECT_EQ(result["wrong"].get<int>() + result["lost"].get<int>() + result["extra"].get<int>(), 0);
+    const auto bad = [](const std::string &before, const std::string &port) {
+        return document("dome", before + "qelctl serial loopback-test " + port + " --rate 9600 --bytes 40",
+                        "serial_test", kFailed)["results"];
+    };
+    const std::string fault = "qelboard fault '/dev/ttyUSB0 line:in ";
+    for (const json &result : bad(fault + "lose every 10' >/dev/null; ", "8")) EXPECT_EQ(result["lost"], 4);
+    for (const json &result : bad(fault + "flip 0 every 20' >/dev/null; ", "8")) {
+        EXPECT_EQ(result["wrong"], 2);
+        EXPECT_EQ(result["lost"], 0);
+    }
+    EXPECT_EQ(bad("", "1")[0]["lost"], 40) << "nobody sends anything back";
+}
+
+// ---- microcontroller ----
+
+TEST(McuVerbs, AskAndTellTheMicrocontroller) {
+    EXPECT_EQ(document("dome", "qelctl mcu version", "mcu_version")["version"], "PTD-MCU 3.0.2");
+    EXPECT_EQ(document("traffic", "qelctl mcu version", "mcu_version")["version"], "TRF-MCU 2.1.0");
+    EXPECT_EQ(on_dome("qelctl mcu version --module 2").out, "RADIO 0.9\n");
+    const json state =
+        document("dome", "qelboard poke /dev/qecMcu net 0 >/dev/null; qelctl mcu state", "mcu_state");
+    EXPECT_EQ(state["caps_word"], 5);
+    EXPECT_EQ(state["front_panel"], true);
+    EXPECT_EQ(state["network_link"], false);
+    const json power =
+        document("dome", "qelctl mcu power 0 on >/dev/null; qelctl mcu power 7 on", "mcu_power");
+    EXPECT_EQ(power["outputs_on"].dump(), "[0,7]");
+    EXPECT_EQ(power["supply_mv"], 12050);
+    EXPECT_EQ(power["battery_percent"], 85);
+    expect_end(on_dome("qelctl mcu power 5 on >/dev/null; qelctl mcu power 5 off"), kOk,
+               "outputs on            none\n");
+    const json keys =
+        document("dome",
+                 "for k in 'press 3' 'press 9' 'release 9'; do qelboard poke /dev/qecMcu $k >/dev/null; "
+                 "done; qelctl mcu key",
+                 "mcu_keys");
+    EXPECT_EQ(keys["pressed"].dump(), "[3]");
+    EXPECT_EQ(keys["last"], 9);
+    EXPECT_EQ(document("dome", "qelctl mcu key", "mcu_keys")["last"], json());
+    EXPECT_EQ(document("dome", "qelctl mcu rfid --send '02 30 03'", "mcu_rfid")["received"], "06");
+    EXPECT_EQ(on_dome("qelctl mcu rfid").out, "nothing waits\n");
+    EXPECT_EQ(document("dome", "qelctl mcu lcd 'a\\tb'", "mcu_lcd")["lcd"], "a\\tb");
+    EXPECT_EQ(document("dome", "qelctl mcu time", "mcu_time").size(), 1U);
+    const Outcome board = on_dome(
+        "qelctl mcu lcd 'door open' && qelctl mcu time '2026-03-01 12:30:59' &&"
+        " qelboard show");
+    expect_end(board, kOk, "lcd                 door open\n");
+    expect_end(board, kOk, "time                2026-03-01 12:30:59, day 0 of the week\n");
+}
+
+// Says it over and over until the verb has heard enough, as it may not listen yet.
+std::string until_heard(const std::string &verb, const std::string &say) {
+    return "qelctl " + verb + " & w=$!\nwhile kill -0 $w 2>/dev/null; do { " + say +
+           "; } >/dev/null; sleep 0.05; done; wait $w";
+}
+
+TEST(McuVerbs, EventsComeAsTheyHappenUntilTold) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"press 4", R"({"event":"key","number":4,"on":true})"},
+        {"release 5", R"({"event":"key","number":5,"on":false})"},
+        {"card 0012345678", R"({"card":"0012345678","event":"card"})"},
+        {"alarm 70000", R"({"event":"alarm","number":70000})"},
+    };
+    for (const auto &[poke, expected] : cases) {
+        const Outcome outcome = on_board(
+            "dome",
+            until_heard("mcu events --json --count 2", std::string("qelboard poke /dev/qecMcu ") + poke));
+        EXPECT_EQ(outcome.code, kOk) << poke << outcome.err;
+        std::vector<json> events = lines_of(outcome.out, "mcu_event");
+        ASSERT_EQ(events.size(), 2U) << poke;
+        for (json &event : events) {
+            EXPECT_GT(event["time_ms"].get<int64_t>(), 0);
+            event.erase("time_ms");
+            EXPECT_EQ(event.dump(), expected);
+        }
+    }
+    const Outcome foreign =
+        on_dome(until_heard("mcu events --json --count 1", "qelboard poke /dev/qecMcu card '\xff'"));
+    EXPECT_EQ(lines_of(foreign.out, "mcu_event").size(), 1U) << foreign.err;
+    const Outcome full = on_dome(until_heard("mcu events >/dev/full", "qelboard poke /dev/qecMcu press 4"));
+    EXPECT_EQ(full.code, kNoOutput);
+    EXPECT_FALSE(holds(full.err, "[libqel] ERROR")) << full.err;
+    const Scratch scratch;
+    const Outcome told = on_dome("cd " + scratch.path() +
+                                 "\nqelctl mcu events >heard & w=$!\n"
+                                 "until [ -s heard ]; do qelboard poke /dev/qecMcu press 4 >/dev/null; done\n"
+                                 "kill -INT $w; wait $w; code=$?; head -n 1 heard; exit $code");
+    expect_end(told, kOk, "  key 4 on\n");
+}
+
+// ---- length-framed link ----
+
+TEST(LinkVerbs, SendAskAndWatch) {
+    EXPECT_EQ(document("dome", "qelctl link send 1 --wait", "link_frame")["text"], "PTD IRIS 1.4");
+    EXPECT_EQ(document("dome", "qelctl link send 3 c0; qelctl link send 3 --wait", "link_frame")["payload"],
+              "c0");
+    EXPECT_EQ(on_dome("qelctl link send 0x41 616200 --wait").out, "41: 61 62 00  |ab.|\n");
+    expect_end(on_dome("qelboard poke /dev/ttyS7 answer wrong; qelctl link send 1 --wait"), kFailed,
+               "no good reply came");
+    EXPECT_EQ(on_dome(until_heard("link read 0x20", "qelboard poke /dev/ttyS7 tell 32 aabb")).out,
+              "20: aa bb  |..|\n");
+    const Outcome watch = on_dome(until_heard("link watch 0x20 33 --json --count 3",
+                                              "qelboard poke /dev/ttyS7 tell 33 6162; "
+                                              "qelboard poke /dev/ttyS7 tell 34 63"));
+    const std::vector<json> frames = lines_of(watch.out, "link_heard");
+    EXPECT_EQ(frames.size(), 3U) << watch.err;
+    for (const json &frame : frames) {
+        EXPECT_EQ(frame["command"], 33);
+        EXPECT_EQ(frame["text"], "ab");
+    }
+    const Outcome burst = on_dome(until_heard("link watch 32 --count 4",
+                                              "sleep 0.5; qelboard poke /dev/ttyS7 send "
+                                              "aa1000032000ddaa1001032001dfaa1002032002e1aa1003032003e3"));
+    for (const char *frame : {"20: 00", "20: 01", "20: 02", "20: 03"})
+        EXPECT_TRUE(holds(burst.out, frame)) << burst.out;
+}
+
+// ---- what cannot be done ----
+
+TEST(SerialVerbs, FailWithTheReason) {
+    const std::tuple<const char *, int, const char *> cases[] = {
+        {"serial send 1 x --line 9600", kUsage, "as in 9600-8N1"},
+        {"serial send 1 x --line 9600-9N1", kUsage, "as in 9600-8N1"},
+        {"serial send 1 x --line 9600-8N1x", kUsage, "as in 9600-8N1"},
+        {"serial send 1 x --line 230400-8N1", kUsage, "does not have a rate of 230400; it has 1200"},
+        {"serial send 1 --hex 123", kUsage, "two hexadecimal digits"},
+        {"serial send 1 x --file /dev/null", kUsage, "excludes"},
+        {"serial send 1 'a\\q'", kUsage, "after \\ comes"},
+        {"serial send 1", kUsage, "what shall be sent?"},
+        {"serial send 11 x", kUsage, "not in range"},
+        {"serial send 1 x --mode rs485", kFailed, "port 1 cannot be switched over"},
+        {"serial send 1 x --wait 1", kFailed, "no answer came"},
+        {"serial send 1 --file /no/such/file", kFailed, "/no/such/file"},
+        {"serial monitor 1 --form words", kUsage, "words"},
+        {"serial monitor 1 --form text --json", kUsage, "excludes"},
+        {"serial loopback-test 6", kFailed, "took 0 of 64 bytes"},
+        {"serial bridge 1 --tcp 0 --pty", kUsage, "excludes"},
+        {"serial bridge 1 --tcp 65536", kUsage, "not in range 0 to 65535"},
+        {"serial bridge 1 --link /no/such/folder/link", kFailed, "/no/such/folder/link"},
+        {"mcu version --module 77", kFailed, "has no version of that module"},
+        {"mcu time 2026-02-30", kUsage, "a time is now, or as in"},
+        {"mcu time '2026-02-30 10:00:00'", kUsage, "a time is now, or as in"},
+        {"mcu power 3", kUsage, "requires"},
+        {"mcu power 32 on", kUsage, "not in range"},
+        {"mcu rfid --send 1", kUsage, "two hexadecimal digits"},
+        {"mcu rfid --reader 1", kUsage, "requires --send"},
+        {"mcu lcd ''", kUsage, "empty text"},
+        {"link send 256", kUsage, "not in range"},
+    };
+    for (const auto &[command, code, message] : cases) {
+        SCOPED_TRACE(command);
+        expect_end(on_dome(std::string("qelctl ") + command), code, message);
+    }
+    expect_end(on_board("box", "qelctl serial send 2 x"), kFailed, "no port 2; there are: 0, 1.");
+    expect_end(on_board("box", "qelctl mcu version"), kFailed, "the microcontroller cannot be opened");
+    expect_end(on_board("box", "qelctl link send 1"), kFailed, "");
+}
+
+}  // namespace
+}  // namespace qel::test
