@@ -1,6 +1,5 @@
 // bench-link - the length-framed link: how fast its parser is, and what its threads cost a request and its
 // reply beside the bare exchange on the same line.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <array>
@@ -12,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/loaded_library.h"
 #include "bench/measure.h"
 #include "board/core/board.h"
 #include "comm/commlen_frame.h"
@@ -23,7 +23,6 @@ namespace {
 using namespace qel::bench;
 using namespace qel::commlen;
 
-constexpr const char *kLibrary = QEL_LIB_DIR "/libqel.so.1";
 constexpr const char *kNode = "/dev/ttyS3";
 constexpr const char *kBoard = R"(
 name = "bench"
@@ -94,14 +93,6 @@ void parser_row(size_t payload_bytes, size_t piece_bytes) {
 
 // ---- request and reply ----
 
-template <typename Function>
-Function *exported(void *library, const char *name) {
-    auto *function = reinterpret_cast<Function *>(dlsym(library, name));
-    expect(function != nullptr, name);
-    return function;
-}
-#define EXPORTED(library, name) exported<decltype(name)>(library, #name)
-
 // How often a thread of this process has given up its core to wait.
 long waits_of(const std::string &task) {
     std::ifstream status(task + "/status");
@@ -147,11 +138,10 @@ void bare_exchange(const qel_os_ops &os, int fd, const std::vector<uint8_t> &fra
 void exchange_rows() {
     qel::board::Board board(kBoard);
     board.enter({.chip = 0, .as = "vesta"});
-    void *library = dlopen(kLibrary, RTLD_NOW);
-    expect(library != nullptr, "dlopen");
+    const LoadedLibrary library;
     CommLen *link = nullptr;
-    expect(EXPORTED(library, QEL_commlenCreate)(&link) == 0, "QEL_commlenCreate");
-    auto *exchange = EXPORTED(library, QEL_commlenExchange);
+    expect(CALL(library, QEL_commlenCreate)(&link) == 0, "QEL_commlenCreate");
+    auto *exchange = CALL(library, QEL_commlenExchange);
     CommLenMsg request{};
     request.command = 0x21;
     request.length = 8;
@@ -166,8 +156,8 @@ void exchange_rows() {
     std::array<uint8_t, kMaxFrameBytes> out;
     const size_t bytes = build({1, 0x21, {request.payload, request.length}}, out);
     const std::vector<uint8_t> frame(out.begin(), out.begin() + static_cast<ptrdiff_t>(bytes));
-    auto *lock = EXPORTED(library, QEL_commlenSemLock);
-    auto *unlock = EXPORTED(library, QEL_commlenSemUnlock);
+    auto *lock = CALL(library, QEL_commlenSemLock);
+    auto *unlock = CALL(library, QEL_commlenSemUnlock);
     const Way bare = {"write, poll, read", [&] { bare_exchange(os, fd, frame); }};
 
     constexpr int kRounds = 15;
@@ -188,8 +178,6 @@ void exchange_rows() {
     printf("| link: waits per request and reply | %.2f | %s | %.2f | %.2f |\n", median(link_waits),
            bare.name.c_str(), median(bare_waits), median(link_waits) / median(bare_waits));
     os.close(fd);
-    dlclose(library);
-    board.leave();
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // board would add what its wire, which knows when a byte has left, costs a drain. Prints rows as
 // bench/CMakeLists.txt describes. Limits: 90 % of the bare rate for pieces of 1 KiB, 50 us for the
 // turn-rounds beyond 1 ms and the drain.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
@@ -13,6 +12,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "bench/loaded_library.h"
 #include "bench/measure.h"
 #include "board/core/board.h"
 #include "board/core/chip.h"
@@ -25,7 +25,6 @@ namespace {
 
 using namespace qel::bench;
 
-constexpr const char *kLibrary = QEL_LIB_DIR "/libqel.so.1";
 constexpr const char *kBoard = R"(
 name = "bench"
 [[chip]]
@@ -97,18 +96,10 @@ const qel::board::DeviceClass kOwnTtyClass = {"own_tty",
 
 const ComAttribute kSettings = {115200, 8, QEL_COM_PARITY_NONE, QEL_COM_ONE_STOP_BIT, 0};
 
-template <typename Function>
-Function *exported(void *library, const char *name) {
-    auto *function = reinterpret_cast<Function *>(dlsym(library, name));
-    expect(function != nullptr, name);
-    return function;
-}
-
-CommPort *open_port(void *library, uint32_t number) {
+CommPort *open_port(const LoadedLibrary &library, uint32_t number) {
     CommPort *port = nullptr;
     const CommPortDesc desc{number};
-    expect(exported<decltype(createCommPort)>(library, "createCommPort")(&desc, &port) == 0,
-           "createCommPort");
+    expect(CALL(library, createCommPort)(&desc, &port) == 0, "createCommPort");
     expect(port->open(port) == 0, "open");
     expect(port->setAttribute(port, &kSettings) == 0, "setAttribute");
     return port;
@@ -197,8 +188,7 @@ int main() {
     qel::board::add_device_class(kOwnTtyClass);
     qel::board::Board board(kBoard);
     board.enter({.chip = 0, .as = "vesta"});
-    void *library = dlopen(kLibrary, RTLD_NOW);
-    expect(library != nullptr, "dlopen");
+    const LoadedLibrary library;
     const qel_os_ops &os = *qel_world_hook()->os;
     CommPort *port = open_port(library, 1);
     CommPort *frames = open_port(library, 2);
@@ -207,7 +197,5 @@ int main() {
     turn_round_row(frames, os);
     port->release(port);
     frames->release(frames);
-    dlclose(library);
-    board.leave();
     return 0;
 }

@@ -6,23 +6,24 @@
 // header, data, entry and the head's first words, each written once; nothing is read back, since all of
 // that is known. To lay out anew, the other files' headers and data read once, then the head's words and
 // every entry, header and data written once.
-#include <dlfcn.h>
 #include <unistd.h>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "bench/loaded_library.h"
 #include "bench/measure.h"
 #include "board/core/board.h"
 #include "qel/eeprom.h"
 
 namespace {
 
-using qel::bench::expect;
+using namespace qel::bench;
 
 constexpr const char *kBoard =
     "name = \"bench\"\n[[chip]]\n[chip.hwid]\nname = \"BX-200\"\n[chip.misc]\n"
@@ -79,43 +80,29 @@ class Chip {
 public:
     Chip() : board_(kBoard) {
         board_.enter({.chip = 0, .as = "vesta"});
-        library_ = dlopen(QEL_LIB_DIR "/libqel.so.1", RTLD_NOW);
-        expect(library_ != nullptr, "loading the library");
-        expect(function<decltype(createRawEeprom)>("createRawEeprom")(nullptr, &object_) == 0,
-               "createRawEeprom");
+        library_.emplace();
+        expect(CALL(*library_, createRawEeprom)(nullptr, &object_) == 0, "createRawEeprom");
         for (size_t i = 0; i < kFiles; ++i) store(std::string(1, static_cast<char>('a' + i)), kFileBytes);
     }
-    ~Chip() {
-        object_->release(object_);
-        dlclose(library_);
-        board_.leave();
-    }
+    ~Chip() { object_->release(object_); }
     Chip(const Chip &) = delete;
     Chip &operator=(const Chip &) = delete;
-
-    template <typename Function>
-    Function *function(const char *name) const {
-        void *const symbol = dlsym(library_, name);
-        expect(symbol != nullptr, name);
-        return reinterpret_cast<Function *>(symbol);
-    }
 
     void store(const std::string &name, size_t bytes) const {
         const std::string data(bytes, 'x');
         expect(object_->write(object_, name.c_str(), data.data(), static_cast<unsigned>(bytes)) == 0,
                "store");
     }
-    int open(const char *name) const { return function<decltype(EEFS_LibOpen)>("EEFS_LibOpen")(name); }
+    int open(const char *name) const { return CALL(*library_, EEFS_LibOpen)(name); }
     void append(const char *name, size_t bytes) const {
         const std::string data(bytes, 'y');
         unsigned done = 0;
         const int index = open(name);
-        expect(function<decltype(EEFS_LibLSeek)>("EEFS_LibLSeek")(index, 0, SEEK_END) >= 0, "seek");
-        expect(function<decltype(EEFS_LibWrite)>("EEFS_LibWrite")(index, data.data(),
-                                                                  static_cast<unsigned>(bytes), &done) == 0 &&
+        expect(CALL(*library_, EEFS_LibLSeek)(index, 0, SEEK_END) >= 0, "seek");
+        expect(CALL(*library_, EEFS_LibWrite)(index, data.data(), static_cast<unsigned>(bytes), &done) == 0 &&
                    done == bytes,
                "append");
-        expect(function<decltype(EEFS_LibClose)>("EEFS_LibClose")(index) == 0, "close");
+        expect(CALL(*library_, EEFS_LibClose)(index) == 0, "close");
     }
 
     Traffic traffic_of(const std::function<void(const Chip &)> &operation) {
@@ -134,7 +121,7 @@ public:
 
 private:
     qel::board::Board board_;
-    void *library_ = nullptr;
+    std::optional<LoadedLibrary> library_;
     RawEeprom *object_ = nullptr;
 };
 

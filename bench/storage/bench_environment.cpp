@@ -25,6 +25,7 @@
 #define QEL_HAS_LIBUBOOTENV 1
 #endif
 
+#include "bench/loaded_library.h"
 #include "bench/measure.h"
 #include "board/core/board.h"
 #include "os/hook.h"
@@ -40,30 +41,15 @@ constexpr int kNewProcesses = 41;
 constexpr size_t kBlockBytes = 0x20000;
 constexpr const char *kNode = "/dev/mmcblk0p2";
 
-class Library {
+class Library : public LoadedLibrary {
 public:
-    Library() : handle_(dlopen(QEL_LIB_DIR "/libqel.so.1", RTLD_NOW)) {
-        expect(handle_ != nullptr, "loading the library");
-        get_ = function<decltype(getBootParameter)>("getBootParameter");
-    }
-    ~Library() { dlclose(handle_); }
-    Library(const Library &) = delete;
-    Library &operator=(const Library &) = delete;
-
-    template <typename Function>
-    Function *function(const char *name) const {
-        void *const symbol = dlsym(handle_, name);
-        expect(symbol != nullptr, name);
-        return reinterpret_cast<Function *>(symbol);
-    }
     void get(const char *name) const {
         char value[QEL_BOOT_PARAMETER_BYTES];
         expect(get_(name, value, sizeof value) == 0, "getBootParameter");
     }
 
 private:
-    void *handle_;
-    decltype(getBootParameter) *get_;
+    decltype(getBootParameter) *const get_ = CALL(*this, getBootParameter);
 };
 
 class Semaphore {
@@ -150,7 +136,7 @@ Cold measure_in_new_process(const std::string &config) {
     if (pid == 0) {
         const Library library;
         const OtherLibrary other;
-        library.function<decltype(ENV_preInit)>("ENV_preInit")();  // lets go of what loading attached
+        CALL(library, ENV_preInit)();  // lets go of what loading attached
         Cold cold{};
         cold.against_us = us_per_call(1, [&] { other.open_read_close(config.c_str(), "bootdelay"); });
         cold.cost_us = us_per_call(1, [&] { library.get("bootdelay"); });
@@ -198,17 +184,12 @@ std::string board_with(int parameters) {
 double cost_among(int parameters) {
     qel::board::Board board(board_with(parameters));
     board.enter({.chip = 0, .as = "vesta"});
-    double cost = 0;
-    {
-        const Library library;
-        char last[32];
-        snprintf(last, sizeof last, "parameter%05d", parameters - 1);
-        std::vector<double> costs(kRounds);
-        for (double &round : costs) round = us_per_call(kCallsAmongMany, [&] { library.get(last); });
-        cost = median(costs);
-    }
-    board.leave();
-    return cost;
+    const Library library;
+    char last[32];
+    snprintf(last, sizeof last, "parameter%05d", parameters - 1);
+    std::vector<double> costs(kRounds);
+    for (double &round : costs) round = us_per_call(kCallsAmongMany, [&] { library.get(last); });
+    return median(costs);
 }
 
 void measure_many() {
@@ -228,7 +209,6 @@ int main() {
         board.enter({.chip = 0, .as = "vesta"});
         measure_warm();
         measure_cold();
-        board.leave();
     }
     measure_many();
     return 0;

@@ -4,16 +4,17 @@
 // The bare requests erase, write and read back the same blocks of a virtual flash within the process.
 // Limits: the write keeps 95 % of the bare rate (a ratio of 1.05), the look-up does not depend on the
 // partition.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "bench/loaded_library.h"
 #include "bench/measure.h"
 #include "board/core/board.h"
 #include "os/hook.h"
@@ -33,34 +34,18 @@ constexpr uint32_t kMtdErase = 0x40084D02;
 constexpr const char *kPartitionOfEnvironment = "{ name = \"hwid\", size = 0x100000 }]\n";
 
 // A board with one kind of flash that this process lives on, and the library.
-class Place {
-public:
+struct Place {
     explicit Place(const std::string &flash)
-        : board_(
+        : board(
               "name = \"bench\"\n[[chip]]\n[chip.hwid]\nname = \"BX-200\"\n[chip.hwid.properties]\n5 = 3\n"
               "[chip.environment]\nHWID = \"BX-200:01:03:00:00:00\"\n[chip.flash]\n" +
               flash + kPartitionOfEnvironment) {
-        board_.enter({.chip = 0, .as = "vesta"});
-        handle_ = dlopen(QEL_LIB_DIR "/libqel.so.1", RTLD_NOW);
-        expect(handle_ != nullptr, "loading the library");
-    }
-    ~Place() {
-        dlclose(handle_);
-        board_.leave();
-    }
-    Place(const Place &) = delete;
-    Place &operator=(const Place &) = delete;
-
-    template <typename Function>
-    Function *function(const char *name) const {
-        void *const symbol = dlsym(handle_, name);
-        expect(symbol != nullptr, name);
-        return reinterpret_cast<Function *>(symbol);
+        board.enter({.chip = 0, .as = "vesta"});
+        library.emplace();
     }
 
-private:
-    qel::board::Board board_;
-    void *handle_ = nullptr;
+    qel::board::Board board;
+    std::optional<LoadedLibrary> library;  // goes before the board
 };
 
 // ---- partition write ----
@@ -117,8 +102,7 @@ void measure_write(const Medium &medium) {
     const Place place("kind = \"" + std::string(medium.kind) + "\"\npartition = [{ name = \"user\", size = " +
                       std::to_string(kPartitionBytes) + " },\n");
     RawFlash *flash = nullptr;
-    expect(place.function<decltype(createRawFlashLocal)>("createRawFlashLocal")(&flash) == 0,
-           "the flash object");
+    expect(CALL(*place.library, createRawFlashLocal)(&flash) == 0, "the flash object");
     std::vector<uint8_t> data(kPartitionBytes);
     for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + (i >> 12));
     BareFlash bare(medium);
@@ -142,9 +126,9 @@ void measure_look_up() {
         "kind = \"nand\"\nerase_bytes = 0x4000\npage_bytes = 512\npartition = [\n"
         "{ name = \"few\", size = 0x40000, bad = [3] },\n"
         "{ name = \"many\", size = 0x8000000, bad = [3, 4000] },\n");
-    auto *const open = place.function<decltype(QEL_flashOpenPartion)>("QEL_flashOpenPartion");
-    auto *const create = place.function<decltype(Flash_createPartionTab)>("Flash_createPartionTab");
-    auto *const look_up = place.function<decltype(Flash_LookupTab)>("Flash_LookupTab");
+    auto *const open = CALL(*place.library, QEL_flashOpenPartion);
+    auto *const create = CALL(*place.library, Flash_createPartionTab);
+    auto *const look_up = CALL(*place.library, Flash_LookupTab);
     int few = -1;
     int many = -1;
     int fd = -1;
