@@ -100,15 +100,13 @@ TEST_P(Rs485Frame, IsNotHeldUpByAnEchoThatNobodyReads) {
 TEST_P(Rs485Frame, IsOverBeforeAPeerThatDoesNotWaitAnswers) {
     constexpr const char *kRudePeer =
         "timed = true\npeer = { kind = \"script\", baud = 115200, polite = false, "
-        "script = ['expect \"ask\"', 'wait 60', 'reply \"answer\"'] }";
+        "script = ['expect \"ask\"', 'wait 400', 'reply \"answer\"'] }";
     CommBench bench(rs485_line(GetParam(), kRudePeer));
     const OpenPort port(bench, 2);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(port.write("ask"), 3);
-        EXPECT_EQ(port.read(6), "answer");
-    }
+    EXPECT_EQ(port.write("ask"), 3);
+    EXPECT_EQ(port.read(6), "answer");
     EXPECT_EQ(shown(bench.board, kNode, "bytes nobody heard"), "");
-    bench.board.add_fault("/dev/qecMisc ioctl:SET_RS485_DIRECTION delay 300 at 2");
+    bench.board.add_fault("/dev/qecMisc ioctl:SET_RS485_DIRECTION delay 800 at 2");
     EXPECT_EQ(port.write("ask"), 3);
     EXPECT_EQ(shown(bench.board, kNode, "bytes nobody heard"), "6") << "so late, it would show";
 }
