@@ -114,6 +114,8 @@ void SerialLine::transmit(Bytes bytes) {
     chip_.trace_line(host_.name(), false, bytes);
     const bool collides = rs485_ && !to_host_.is_silent(now_us());
     send_with_faults(to_peer_, bytes, false);
+    was_busy_ = true;
+    was_full_ = was_full_ || !takes_more_from_host();
     if (!collides) return;
     ++collisions_;
     to_peer_.garble(now_us());

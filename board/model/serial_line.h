@@ -121,7 +121,8 @@ private:
     Buffer undelivered_;  // arrived at the host's end, which has no room yet
     Buffer unread_;       // arrived at a peer that takes no more
     std::deque<Message> messages_;
-    bool was_busy_ = false;  // when it last ran
+    // At any time since it last ran: somebody may wait for the end of it.
+    bool was_busy_ = false;
     bool was_full_ = false;
     bool running_ = false;  // in run(), which hands over what is sent meanwhile
 

@@ -125,6 +125,18 @@ TEST_F(SerialUart, AWriteThatWaitsGoesOnWhenTheLineDoes) {
     writes_when([&] { EXPECT_EQ(far.read(sent).size(), sent); });
 }
 
+// Whoever waits is woken also when the line had fallen silent before the board came round to look at it.
+TEST_F(SerialUart, ADrainEndsHoweverLittleIsOnTheLine) {
+    EXPECT_EQ(ask(kUartStart), 0);
+    EXPECT_EQ(here_.board.poke(0, "/dev/qecUart3", {"timed", "1"}).value, 0);
+    std::array<uint8_t, 8> fast = {0x00, 0x09, 0x3D, 0, 8, 0, 0, 0};  // 4 Mbaud: 2.5 us a byte
+    EXPECT_EQ(ops().ioctl(fd_, kSetAttributes, fast.data()), 0);
+    for (int i = 0; i < 2000; ++i) {
+        ASSERT_GT(write(std::string(1 + i % 80, 'x')), 0);
+        ASSERT_EQ(ask(kUartDrain), 0);
+    }
+}
+
 TEST_F(SerialUart, CarriesNothingWhileItsPlugIsPulled) {
     EXPECT_EQ(ask(kUartStart), 0);
     here_.board.add_fault("/dev/qecUart3 line:in hang-up at 2");
