@@ -299,7 +299,7 @@ TEST(ChannelLife, UnbindEndsAPutThatWaits) {
     const Channel master(kMaster);
     ASSERT_EQ(master.bind(), 0);
     std::thread caller([&] { EXPECT_EQ(put_command(master, kKeep), XCC_EPEER); });
-    OSA_sleepMs(20);
+    OSA_sleepMs(300);
     EXPECT_EQ(XCC_unBind(master.handle), 0);
     caller.join();
 }
