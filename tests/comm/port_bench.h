@@ -59,6 +59,12 @@ public:
         text.resize(got);
         return text;
     }
+    // The same, however long they keep one waiting who reads while others write.
+    std::string read_all(size_t bytes) const {
+        std::string text;
+        for (int reads = 0; reads < 40 && text.size() < bytes; ++reads) text += read(bytes - text.size());
+        return text;
+    }
 
 private:
     CommPort *port_ = nullptr;

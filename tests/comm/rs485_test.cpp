@@ -62,7 +62,7 @@ TEST_P(Rs485Frame, TurnsTheLineRoundAroundTheWholeOfIt) {
     const std::string sent = pattern(300);
     Tracing tracing(bench.board);
     std::string got;
-    std::thread reader([&] { got = port.read(300); });
+    std::thread reader([&] { got = port.read_all(300); });
     EXPECT_EQ(port.write(sent), 300);
     EXPECT_EQ(steps_of(tracing.lines()), "1fe0");
     EXPECT_GE(last_frame(bench.board, 1), 1000) << "for the driver to be on";
@@ -79,7 +79,7 @@ TEST_P(Rs485Frame, IsNeverTornWhileOthersReadAndWrite) {
     constexpr size_t kFrames = 40;
     constexpr size_t kFrameBytes = 16;
     std::string got;
-    std::thread reader([&] { got = port.read(2 * kFrames * kFrameBytes); });
+    std::thread reader([&] { got = port.read_all(2 * kFrames * kFrameBytes); });
     at_once(2, [&](int writer) {
         const std::string frame(kFrameBytes, static_cast<char>('a' + writer));
         for (size_t i = 0; i < kFrames; ++i) EXPECT_EQ(port.write(frame), static_cast<int>(kFrameBytes));

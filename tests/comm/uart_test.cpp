@@ -63,7 +63,7 @@ TEST(UartPort, ReadsNothingWhileAFrameIsOnItsWay) {
     constexpr size_t kFrames = 50;
     Tracing tracing(bench.board);
     std::string got;
-    std::thread reader([&] { got = port.read(kFrames * 4); });
+    std::thread reader([&] { got = port.read_all(kFrames * 4); });
     for (size_t i = 0; i < kFrames; ++i) EXPECT_EQ(port.write("abcd"), 4);
     reader.join();
     EXPECT_EQ(got.size(), kFrames * 4);

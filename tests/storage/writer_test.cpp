@@ -205,12 +205,13 @@ protected:
     }
 
     void prepare() {
-        run_in_child([&] {
+        const int status = run_in_child([&] {
             FlashBench bench(medium(), {}, in("made"));
             for (const int part : {kBefore, kTarget, kBehind, kCopy, kFpgaPart}) bench.fill(part);
             for (const uint32_t block : GetParam().failing) bench.mark("failing", kTarget, block);
             return 0;
         });
+        ASSERT_EQ(status, 0);
     }
     // Whether the power went before the upgrade was done.
     bool cut(const std::string &folder, int at, int torn) {

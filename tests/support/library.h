@@ -64,7 +64,7 @@ private:
 // Runs `body` in a forked child; its exit code, or -1 when it was still running at the deadline and
 // was killed. Call it before this process has loaded the library or started threads.
 template <typename Body>
-int run_in_child(Body body, int deadline_ms = 10000);
+int run_in_child(Body body, int deadline_ms = 30000);
 
 int wait_for_child(int pid, int deadline_ms);
 int fork_child();
