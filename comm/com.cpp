@@ -15,6 +15,7 @@
 struct ComObject : qel::comm::Slot {
     int boot_fd QEL_GUARDED_BY(life) = -1;
     termios saved QEL_GUARDED_BY(life) = {};  // the line's settings before it was raw
+    unsigned users QEL_GUARDED_BY(life) = 0;  // of a line that is no tty, as the console knows it
 };
 
 namespace qel::comm {
@@ -23,6 +24,7 @@ namespace {
 
 constexpr int kUsbBaud = 115200;
 constexpr uint32_t kConsolePort = 0;
+constexpr const char *kShellTty = "QEL_shellTty";
 constexpr const char *kUsbNodes[] = {"/dev/ttyXRUSB0", "/dev/ttyUSB0"};
 
 constinit ComObject objects[QEL_COM_MAX_PORTS];
@@ -84,7 +86,7 @@ int open_usb(const char *function, ComObject &com) {
 }
 
 int tell_console_of(ComObject &com, int fd) QEL_REQUIRES(com.life) {
-    return tell_console("QEL_shellTty", &com.boot_fd, fd);
+    return tell_console(kShellTty, &com.boot_fd, fd);
 }
 
 // What fails here is in the log, and the line works without it.
@@ -168,9 +170,25 @@ void destroy_com_objects() {
             const MutexLock life(com.life);
             if (com.boot_fd >= 0) os::close(com.boot_fd);
             com.boot_fd = -1;
+            com.users = 0;
         }
         destroy_slot(com);
     }
+}
+
+void add_console_user(int port, int fd) {
+    if (has_illegal_id(kShellTty, port)) return;
+    ComObject &com = objects[port];
+    const MutexLock life(com.life);
+    ++com.users;
+    tell_console_of(com, fd);
+}
+
+void drop_console_user(int port) {
+    if (has_illegal_id(kShellTty, port)) return;
+    ComObject &com = objects[port];
+    const MutexLock life(com.life);
+    if (com.users > 0 && --com.users == 0) tell_console_of(com, -1);
 }
 
 }  // namespace qel::comm

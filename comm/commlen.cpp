@@ -111,12 +111,14 @@ int send(CommLen &link, const CommLenMsg &message, const char *function, Waiter 
         return OSA_EFAIL;
     }
     std::array<uint8_t, kMaxFrameBytes> frame;
+    const uint8_t awaited = waiter != nullptr ? waiter->reply.command : message.command;
     const MutexLock lock(link.writing);
     const uint8_t number = link.numbers.next();
-    link.waiters.note_request(message.command, number, waiter);
+    link.waiters.note_request(awaited, number, waiter);
     const size_t bytes = build({number, message.command, {message.payload, message.length}}, frame);
     const int written = link.port->write(link.port, frame.data(), static_cast<uint32_t>(bytes));
     if (written == static_cast<int>(bytes)) return 0;
+    link.waiters.give_up_request(awaited, number);
     QEL_ERROR_AS(function, "wrote %d of %zu bytes\n", written, bytes);
     return OSA_EFAIL;
 }

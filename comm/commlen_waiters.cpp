@@ -62,11 +62,15 @@ void Waiters::note_request(uint8_t command, uint8_t sequence, Waiter *waiter) {
     if (waiter != nullptr) waiter->request = sequence;
 }
 
-void Waiters::end_request_locked(const Waiter &waiter, bool answered) {
-    if (waiter.request == kNoRequest) return;
-    const uint8_t command = waiter.reply.command;
-    if (!answered) closed_[static_cast<size_t>(waiter.request)].set(command);
-    if (requests_[command] == waiter.request) requests_[command] = kNoRequest;
+void Waiters::give_up_request(uint8_t command, uint8_t sequence) {
+    const MutexLock lock(mutex_);
+    end_request_locked(command, sequence, false);
+}
+
+void Waiters::end_request_locked(uint8_t command, int request, bool answered) {
+    if (request == kNoRequest) return;
+    if (!answered) closed_[static_cast<size_t>(request)].set(command);
+    if (requests_[command] == request) requests_[command] = kNoRequest;
 }
 
 // One frame per number: were we wrong about the controller, the next one is taken and teaches us better.
@@ -142,7 +146,7 @@ bool Waiters::wait(Waiter &waiter, unsigned timeout_ms) {
             waiter.reply = served->reply;
             served->served = false;
         }
-        end_request_locked(waiter, served != nullptr);
+        end_request_locked(waiter.reply.command, waiter.request, served != nullptr);
         leave_locked(slot, waiter);
         return served != nullptr;
     }

@@ -26,8 +26,10 @@ public:
     int create(const char *function);
     int destroy();
 
-    // A request of this number goes out, for a waiter or for whoever joins next.
+    // A request of this number goes out, whose reply has this code; for a waiter or for whoever joins next.
     void note_request(uint8_t command, uint8_t sequence, Waiter *waiter);
+    // It has failed: its reply, should there be one, is for nobody.
+    void give_up_request(uint8_t command, uint8_t sequence);
     // From now on a frame of this code is kept for the waiter. False: too many codes are waited for.
     bool join(uint8_t command, Waiter &waiter);
     // Waits for the frame and leaves. False: none came in time.
@@ -50,7 +52,7 @@ private:
     Slot *find_locked(uint8_t command) QEL_REQUIRES(mutex_);
     bool is_unwanted_locked(const Frame &frame) QEL_REQUIRES(mutex_);
     void learn_locked(const Slot &slot, const Frame &frame) QEL_REQUIRES(mutex_);
-    void end_request_locked(const Waiter &waiter, bool answered) QEL_REQUIRES(mutex_);
+    void end_request_locked(uint8_t command, int request, bool answered) QEL_REQUIRES(mutex_);
     void leave_locked(Slot &slot, Waiter &waiter) QEL_REQUIRES(mutex_);
 
     Mutex mutex_;

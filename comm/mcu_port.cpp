@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "comm/com.h"
 #include "comm/mcu_object.h"
 #include "comm/mcu_use.h"
 #include "comm/port_backend.h"
@@ -24,8 +25,6 @@ constexpr const char *kKeyboardParameter = "kz_keyboard";
 // Readiness may come from events, which are not this port's to fetch.
 constexpr unsigned kOthersReady_ms = 10;
 constexpr unsigned kMostDiscarded = 64;  // blocks; a far end that never stops does not keep us
-constexpr unsigned kConsoleLibrary = 0;
-constexpr unsigned kConsoleKernel = 1;
 
 // A setting of 0 turns the keyboard off; without a setting it is on.
 bool keyboard_is_off() {
@@ -58,17 +57,18 @@ int open(comm::QEL_ComManagePriv &priv) {
         return OSA_EFAIL;
     }
     // The console hands the line over or not; the port works either way.
-    QEL_shellTty(priv.port, kConsoleLibrary, descriptor_of(handle));
+    comm::add_console_user(priv.port, descriptor_of(handle));
     return 0;
 }
 
 int close(comm::QEL_ComManagePriv &priv) {
-    QEL_shellTty(priv.port, kConsoleKernel, -1);
+    comm::drop_console_user(priv.port);
     const McuUse mcu;  // all handles of a process are one: this is the one that open() counted
     return mcu.get() != nullptr ? QEL_mcuDelete(mcu.get()) : OSA_EFAIL;
 }
 
 int set_attribute(comm::QEL_ComManagePriv &priv, const ComAttribute *attribute) {
+    if (comm::is_closed("COMM_setAttributeForMcu", priv)) return OSA_EFAIL;
     const ComMapItem *item = comm::find_item(static_cast<uint32_t>(priv.port));
     const uint32_t tty =
         item != nullptr && item->ttyGiven == 1 ? item->ttyNumber : static_cast<uint32_t>(priv.port);

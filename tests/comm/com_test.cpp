@@ -411,21 +411,13 @@ TEST(ComPurge, DiscardsWhatItIsToldAndNothingElse) {
 }
 
 TEST(Console, IsToldWhoseTheFirstPortIs) {
-    CommBench bench(tty("0", "", "status_line = 3") +
-                    "[chip.files]\n\"/var/tmp/BootInfo/bootpara\" = \"\"\n");
-    const auto told = [] {
-        char text[64] = {};
-        const int fd = ops().open("/var/tmp/BootInfo/bootpara", O_RDONLY, 0);
-        EXPECT_GE(ops().read(fd, text, sizeof(text) - 1), 0);
-        ops().close(fd);
-        return std::string(text);
-    };
+    CommBench bench(tty("0", "", "status_line = 3") + kBootFile);
     Tracing tracing(bench.board);
     const OpenCom com(bench, {0, 0, 0});
     const std::string taken = "fd " + std::to_string(com.state().fd);
-    EXPECT_EQ(told(), taken);
+    EXPECT_EQ(told_console(), taken);
     EXPECT_EQ(com.close(), 0);
-    EXPECT_EQ(told(), taken + "fd -1");
+    EXPECT_EQ(told_console(), taken + "fd -1");
     bool switched = false;
     for (const std::string &line : tracing.lines())
         switched |=

@@ -76,7 +76,9 @@ private:
 
 class Commlen : public testing::Test {
 protected:
-    Commlen() : bench_(tty("3", "", "usage = 26"), {.dir = "", .time_scale = kScale}) {
+    Commlen() : Commlen("") {}
+    explicit Commlen(const std::string &port_keys)
+        : bench_(tty("3", "", "usage = 26" + port_keys), {.dir = "", .time_scale = kScale}) {
         EXPECT_EQ(CALL(bench_, QEL_commlenCreate)(&link_), 0) << bench_.log.all();
     }
     // Answers with `answer` to every frame heard.
@@ -142,14 +144,18 @@ TEST_F(Commlen, FindsTheReplyAmongNoiseAndOtherReplies) {
         EXPECT_EQ(exchange(message(0x30, payload)), payload);
 }
 
+// Says nothing to what is "lost", and that reply before the next one.
+std::function<std::string(const Heard &)> answer_late() {
+    return [late = std::string()](const Heard &heard) mutable {
+        const std::string reply = echo(heard);
+        return heard.payload == "lost" ? (late += reply, std::string()) : std::exchange(late, "") + reply;
+    };
+}
+
 // The late reply comes while the next reader waits already, when the request's number tells them apart, or
 // while nobody does.
 TEST_F(Commlen, DoesNotTakeALateReplyForTheNextOne) {
-    std::string late;
-    answer([&](const Heard &heard) {
-        const std::string reply = echo(heard);
-        return heard.payload == "lost" ? (late += reply, std::string()) : std::exchange(late, "") + reply;
-    });
+    answer(answer_late());
     EXPECT_EQ(exchange(message(0x42, "lost")), "no reply");
     bench_.expect_logged({"Fail to OSA_semPend -1, wait comandCode:0x42!\n"});
     const CommLenMsg second = message(0x42, "lost");
@@ -160,6 +166,42 @@ TEST_F(Commlen, DoesNotTakeALateReplyForTheNextOne) {
     controller_->say(frame(0x42, "lost"));
     EXPECT_EQ(exchange(message(0xFE, "settled")), "settled");  // its thread has worked that off
     EXPECT_EQ(exchange(message(0x42, "fourth")), "fourth");
+}
+
+class CommlenOnRs485 : public Commlen {
+protected:
+    CommlenOnRs485() : Commlen("\ndirection_line = 6") {}
+};
+
+// The frame went out whole, only its end was not told.
+TEST_F(CommlenOnRs485, DoesNotTakeTheReplyToAWriteThatFailed) {
+    answer(answer_late());
+    bench_.board.add_fault("/dev/ttyS3 term fail EIO");
+    EXPECT_EQ(exchange(message(0x42, "lost")), "no reply");
+    bench_.board.clear_faults();
+    bench_.expect_logged({"(QEL_commlenExchange|", "): wrote -1 of 10 bytes\n"});
+    EXPECT_EQ(exchange(message(0x42, "second")), "second");
+}
+
+// Frames that nobody asked for have numbers of their own, which teach nothing about those of replies.
+TEST_F(Commlen, AsksNothingOfACodeWhoseReplyHasAnotherOne) {
+    answer([later = answer_late()](const Heard &heard) {
+        return heard.command == 0x10 ? frame(0x90, "done", heard.sequence) : later(heard);
+    });
+    const CommLenMsg request = message(0x10);
+    CommLenMsg reply = message(0x90);
+    EXPECT_EQ(CALL(bench_, QEL_commlenExchange)(link_, &request, &reply), 0);
+    std::atomic<bool> heard{false};
+    std::thread listener([&] {
+        CommLenMsg unasked = message(0x10);
+        EXPECT_EQ(CALL(bench_, QEL_commlenRead)(link_, &unasked), 0);
+        heard = true;
+    });
+    for (; !heard; std::this_thread::sleep_for(std::chrono::milliseconds(5)))
+        controller_->say(frame(0x10, "unasked", 0x77));
+    listener.join();
+    EXPECT_EQ(exchange(message(0x42, "lost")), "no reply");
+    EXPECT_EQ(exchange(message(0x42, "second")), "second");
 }
 
 // Numbers of its own, ahead of ours, behind them or always the same: no reply but the first may get lost.

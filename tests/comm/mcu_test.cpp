@@ -477,21 +477,25 @@ TEST(McuLine, TakesItsSettingsAndKeepsThem) {
     EXPECT_EQ(CALL(bench, QEL_mcuDelete)(handle), 0);
 }
 
-constexpr const char *kPortTables = "[[chip.port]]\nnumber = 2\nkind = 4\n";
+constexpr const char *kPortTables =
+    "[[chip.port]]\nnumber = 2\nkind = 4\n[[chip.tty]]\nnode = \"/dev/ttyS2\"\n";
 constexpr const char *kFlash =
     "[chip.flash]\nkind = \"nand\"\nerase_bytes = 0x20000\npage_bytes = 0x800\nenvironment_bytes = 0x20000\n"
     "partition = [{ name = \"hwid\", size = 0x100000 }]\n[chip.environment]\nkz_keyboard = ";
 
 TEST(McuPort, CarriesRawBytesBothWays) {
-    CommBench bench(std::string(kMcu) + kPortTables + "[chip.files]\n\"/var/tmp/BootInfo/bootpara\" = \"\"\n",
-                    {.dir = "", .time_scale = 5});
+    CommBench bench(std::string(kMcu) + kPortTables + kBootFile, {.dir = "", .time_scale = 5});
     Port port(bench, 2);
+    const ComAttribute attribute = {19200, 7, QEL_COM_PARITY_EVEN, QEL_COM_TWO_STOP_BITS, 0};
     char byte = 0;
+    EXPECT_EQ(port->setAttribute(port.get(), &attribute), -1);
     EXPECT_EQ(port->read(port.get(), &byte, 1), -1);
     EXPECT_EQ(port.write("x"), -1);
     EXPECT_EQ(port->purge(port.get(), QEL_COM_DISCARD_INPUT), -1);
-    EXPECT_EQ(bench.log.count("): port2 is not open\n"), 3);
+    EXPECT_EQ(bench.log.count("): port2 is not open\n"), 4);
     ASSERT_EQ(port->open(port.get()), 0) << bench.log.all();
+    EXPECT_EQ(port->setAttribute(port.get(), &attribute), 0);
+    EXPECT_EQ(shown(bench.board, "/dev/ttyS2", "settings"), "19200 7E2");
     EXPECT_EQ(port->read(port.get(), nullptr, 1), -1);
     EXPECT_EQ(port->write(port.get(), &byte, 0x80000000U), -1);
     EXPECT_EQ(bench.log.count("): para invalid buf="), 2);
@@ -508,6 +512,20 @@ TEST(McuPort, CarriesRawBytesBothWays) {
     EXPECT_EQ(port->close(port.get()), 0);
     port.release();
     EXPECT_EQ(CALL(bench, QEL_mcuDeinit)(), 0);
+}
+
+// The console has the line back when the last opener has left it.
+TEST(McuPort, TellsTheConsoleWhoseTheLineIs) {
+    CommBench bench(std::string(kMcu) + kPortTables + kBootFile);
+    const OpenPort port(bench, 2);
+    const std::string taken = told_console();
+    EXPECT_EQ(taken.rfind("fd ", 0), 0U) << taken;
+    EXPECT_EQ(port->open(port.get()), 0);
+    { const OpenPort second(bench, 2); }
+    EXPECT_EQ(port->close(port.get()), 0);
+    EXPECT_EQ(told_console(), taken + taken + taken);
+    EXPECT_EQ(port->close(port.get()), 0);
+    EXPECT_EQ(told_console(), taken + taken + taken + "fd -1");
 }
 
 TEST(McuPort, ObeysTheKeyboardSetting) {

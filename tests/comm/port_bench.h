@@ -139,6 +139,17 @@ using OpenPort = Opened<Port>;
 using OpenCom = Opened<Com>;
 using OpenUart = Opened<Uart>;
 
+// The file by which the kernel's console is told whose a line is, of a board, and all that it was told.
+constexpr const char *kBootFile = "[chip.files]\n\"/var/tmp/BootInfo/bootpara\" = \"\"\n";
+
+inline std::string told_console() {
+    char text[64] = {};
+    const int fd = ops().open("/var/tmp/BootInfo/bootpara", O_RDONLY, 0);
+    EXPECT_GE(ops().read(fd, text, sizeof(text) - 1), 0);
+    ops().close(fd);
+    return text;
+}
+
 // The value of a member of a trace line; "" where it has none.
 inline std::string member_of(const std::string &line, const std::string &name) {
     const std::string key = "\"" + name + "\":";
