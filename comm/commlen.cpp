@@ -162,7 +162,8 @@ int delete_locks(CommLen &link, const char *function) {
         status = OSA_EFAIL;
     }
     if (link.opened != nullptr) OSA_semDelete(&link.opened);
-    if (link.waiters.destroy() != 0 || link.reading.destroy() != 0 || link.writing.destroy() != 0) {
+    const int failed = link.waiters.destroy() | link.reading.destroy() | link.writing.destroy();
+    if (failed != 0) {
         QEL_WARN_AS(function, "OSA_mutexDelete fail\n");
         status = OSA_EFAIL;
     }
