@@ -88,9 +88,9 @@ protected:
 
 TEST_F(Eefs, RefusesEverythingButInitBeforeInit) {
     unsigned word = 0;
-    for (const int answer : {fs.exit(), fs.seek(0, 0, 0), fs.erase(), fs.open("a"), fs.close(0), fs.find("a"),
-                             fs.count(&word), fs.clear(), fs.read_fs(nullptr, 0)})
-        EXPECT_EQ(answer, -1);
+    const int answers[] = {fs.exit(),    fs.seek(0, 0, 0), fs.erase(), fs.open("a"),          fs.close(0),
+                           fs.find("a"), fs.count(&word),  fs.clear(), fs.read_fs(nullptr, 0)};
+    for (const int &answer : answers) EXPECT_EQ(answer, -1) << "number " << &answer - answers;
     EXPECT_EQ(bench_.log.count("EEFS didnot init\n"), 9);
     bench_.log.expect({"(EEFS_LibOpen|", "(EEFS_LibReadFSHead|"});
     EXPECT_EQ(bytes(0, kCapacity), Bytes(kCapacity, 0xFF)) << "nothing reached the chip";

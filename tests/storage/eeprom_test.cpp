@@ -11,13 +11,15 @@ namespace {
 constexpr unsigned kPage = 32;
 constexpr unsigned kCapacity = 1024;
 
-std::string one_chip(unsigned capacity = kCapacity) { return eeprom_board(eeprom_table(kPage, capacity)); }
+std::string one_chip(unsigned capacity) { return eeprom_board(eeprom_table(kPage, capacity)); }
 
 // A RawEeprom on a board with one chip.
 class Box : public EepromBench {
 public:
-    explicit Box(const std::string &description = one_chip()) : EepromBench(description) {
+    using Files = std::map<std::string, Bytes>;
+    explicit Box(const Files &stored = {}, unsigned capacity = kCapacity) : EepromBench(one_chip(capacity)) {
         EXPECT_EQ(CALL(*library, createRawEeprom)(nullptr, &object), 0) << log.all();
+        for (const auto &[name, data] : stored) EXPECT_EQ(store(name, data), 0);
     }
     ~Box() {
         if (object != nullptr) object->release(object);
@@ -33,13 +35,13 @@ public:
         ASSERT_EQ(CALL(*library, createRawEeprom)(nullptr, &object), 0);
     }
     // Every file's content, exported to a folder of the board.
-    std::map<std::string, Bytes> files() {
+    Files files() {
         const Printed quiet;
         const std::string folder = host_path("/tmp/out");
         std::filesystem::remove_all(folder);
         std::filesystem::create_directories(folder);
         object->read(object, "/tmp/out/");
-        std::map<std::string, Bytes> all;
+        Files all;
         for (const auto &entry : std::filesystem::directory_iterator(folder)) {
             const std::string content = file("/tmp/out/" + entry.path().filename().string());
             all[entry.path().filename()] = {content.begin(), content.end()};
@@ -50,7 +52,7 @@ public:
     RawEeprom *object = nullptr;
 };
 
-using Files = std::map<std::string, Bytes>;
+using Files = Box::Files;
 
 TEST(RawEeprom, TellsOfItsChipAndEndsWithTheFirstRelease) {
     Box box;
@@ -90,9 +92,7 @@ TEST(RawEeprom, StoresFilesUnderTheLastPartOfTheirPath) {
 }
 
 TEST(RawEeprom, WritesOverAFileWhereItFits) {
-    Box box;
-    EXPECT_EQ(box.store("a", pattern(50, 1)), 0);  // room for 68
-    EXPECT_EQ(box.store("b", pattern(50, 2)), 0);
+    Box box({{"a", pattern(50, 1)}, {"b", pattern(50, 2)}});  // room for 68
     const uint32_t place = box.word(28);
     EXPECT_EQ(box.store("a", pattern(68, 3)), 0);
     EXPECT_EQ(box.word(28), place);
@@ -121,9 +121,7 @@ TEST(RawEeprom, LaysAllFilesOutAnewForOneThatGrows) {
 }
 
 TEST(RawEeprom, TouchesNothingForAFileThatDoesNotFit) {
-    Box box;
-    EXPECT_EQ(box.store("a", pattern(400, 1)), 0);
-    EXPECT_EQ(box.store("b", pattern(60, 2)), 0);
+    Box box({{"a", pattern(400, 1)}, {"b", pattern(60, 2)}});
     const unsigned free = CALL(*box.library, EEFS_LibFreeChip)();
     const Bytes before = box.bytes(0, kCapacity);
     EXPECT_EQ(box.store("b", pattern(free + 76 + 1, 3)), -1);
@@ -138,7 +136,7 @@ TEST(RawEeprom, TouchesNothingForAFileThatDoesNotFit) {
 // Laid out anew, a file that has used its spare room gets new spare room: the sum may no longer fit,
 // though the sizes alone do.
 TEST(RawEeprom, CountsTheRoomThatTheOthersWillTake) {
-    Box box(one_chip(400));
+    Box box({}, 400);
     EXPECT_EQ(box.store("a", pattern(20, 1)), 0);  // room for 36
     EXPECT_EQ(box.store("a", pattern(36, 2)), 0);
     EXPECT_EQ(box.store("b", pattern(20, 3)), 0);
@@ -151,7 +149,7 @@ TEST(RawEeprom, CountsTheRoomThatTheOthersWillTake) {
 }
 
 TEST(RawEeprom, KeepsToEightFiles) {
-    Box box(one_chip(2048));
+    Box box({}, 2048);
     for (char name = '1'; name <= '8'; ++name) EXPECT_EQ(box.store({name}, pattern(20, name)), 0);
     const Bytes before = box.bytes(0, 2048);
     EXPECT_EQ(box.store("9", {1}), -1);
@@ -163,8 +161,7 @@ TEST(RawEeprom, KeepsToEightFiles) {
 }
 
 TEST(RawEeprom, LeavesAFileAloneThatIsOpenElsewhere) {
-    Box box;
-    EXPECT_EQ(box.store("a", pattern(20, 1)), 0);
+    Box box({{"a", pattern(20, 1)}});
     const int open = CALL(*box.library, EEFS_LibOpen)("a");
     EXPECT_EQ(box.store("b", pattern(20, 2)), -1);
     EXPECT_EQ(box.store("a", pattern(200, 3)), -1) << "laying out anew would pull it away";
@@ -175,8 +172,7 @@ TEST(RawEeprom, LeavesAFileAloneThatIsOpenElsewhere) {
 }
 
 TEST(RawEeprom, ForgetsAStoreThatTheDeviceCutShort) {
-    Box box;
-    EXPECT_EQ(box.store("a", pattern(50, 1)), 0);
+    Box box({{"a", pattern(50, 1)}});
     for (int failing = 1; failing <= 7; ++failing) {
         box.board.add_fault("/dev/qecEEPROM ioctl:WRITE fail EIO at " + std::to_string(failing));
         EXPECT_EQ(box.store("b", pattern(100, 2)), -1) << failing;
@@ -188,9 +184,7 @@ TEST(RawEeprom, ForgetsAStoreThatTheDeviceCutShort) {
 }
 
 TEST(RawEeprom, LosesNoOtherFileToAReadThatFails) {
-    Box box;
-    EXPECT_EQ(box.store("a", pattern(50, 1)), 0);
-    EXPECT_EQ(box.store("b", pattern(50, 2)), 0);
+    Box box({{"a", pattern(50, 1)}, {"b", pattern(50, 2)}});
     const Bytes before = box.bytes(0, kCapacity);
     for (int failing = 1; failing <= 3; ++failing) {
         box.board.add_fault("/dev/qecEEPROM ioctl:READ fail EIO at " + std::to_string(failing));
@@ -202,10 +196,8 @@ TEST(RawEeprom, LosesNoOtherFileToAReadThatFails) {
 }
 
 TEST(RawEeprom, KeepsNoMoreOfAFileThanItsRoom) {
-    Box box;
-    EXPECT_EQ(box.store("a", pattern(50, 1)), 0);  // room for 68
-    EXPECT_EQ(box.store("b", pattern(50, 2)), 0);
-    box.set_words(120 + 8, {600});  // a length that reaches into the next file
+    Box box({{"a", pattern(50, 1)}, {"b", pattern(50, 2)}});  // room for 68
+    box.set_words(120 + 8, {600});                            // a length that reaches into the next file
     const Bytes room = box.bytes(176, 68);
     EXPECT_EQ(box.files()["a"], room);
     EXPECT_EQ(box.store("b", pattern(100, 3)), 0);
@@ -234,8 +226,7 @@ TEST(RawEeprom, ExportsOnlyIntoTheDirectory) {
 }
 
 TEST(RawEeprom, ErasesAndDumps) {
-    Box box;
-    EXPECT_EQ(box.store("a", pattern(30, 1)), 0);
+    Box box({{"a", pattern(30, 1)}});
     EXPECT_EQ(box.object->dump(box.object), 0);
     box.board.add_fault("/dev/qecEEPROM ioctl:WRITE fail EIO at 3");
     EXPECT_EQ(box.object->eraseChip(box.object), -1);

@@ -187,16 +187,6 @@ TEST_F(GoodBlocks, ABlockThatCannotBeAskedIsNotUsed) {
     EXPECT_EQ(look_up(0, open("other")), 0x4000);
 }
 
-TEST(GoodBlocksElsewhere, MapEveryOffsetToItself) {
-    for (const char *flash : {"kind = 'nor'\nerase_bytes = 0x1000", "kind = 'emmc'"}) {
-        const Unit unit(flash_board(flash, kTwo));
-        uint64_t out = 0;
-        EXPECT_EQ(UNIT_CALL(unit, Flash_LookupTab)(0x123457, &out, -1), 0);
-        EXPECT_EQ(out, 0x123457u);
-        EXPECT_EQ(unit.log.count("CreatePartionTab"), 0);
-    }
-}
-
 // ---- copies of the firmware ----
 
 TEST(BackupCopies, CountThoseInPlacesOfTheirOwn) {

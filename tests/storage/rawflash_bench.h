@@ -62,8 +62,9 @@ public:
         close();
         library.reset();
     }
-    // Loads the library and makes an object over this chip's flash.
-    void open() {
+    // Fills those partitions, loads the library and makes an object over this chip's flash.
+    void open(const std::vector<int> &parts_to_fill = {}) {
+        fill(parts_to_fill);
         library.emplace();
         EXPECT_EQ(CALL(*library, createRawFlashLocal)(&flash), 0);
     }

@@ -34,8 +34,7 @@ TEST_P(RawFlashOn, WritesItsPartitionAndNothingElse) {
                                                  {0, kBlocks * block},
                                                  {(kBlocks - 1) * block, block - 1}};
     FlashBench bench(GetParam());
-    bench.fill({kBefore, kTarget, kBehind, kCopy});
-    bench.open();
+    bench.open({kBefore, kTarget, kBehind, kCopy});
     Content content = bench.all(kTarget);
     unsigned seed = 0;
     for (const auto &[offset, bytes] : cases) {
@@ -52,8 +51,7 @@ TEST_P(RawFlashOn, WritesItsPartitionAndNothingElse) {
 TEST_P(RawFlashOn, ErasesBlocks) {
     const size_t block = GetParam().erase_bytes;
     FlashBench bench(GetParam());
-    bench.fill({kBefore, kTarget, kBehind});
-    bench.open();
+    bench.open({kBefore, kTarget, kBehind});
     Content content = bench.all(kTarget);
     RawFlash *const flash = bench.flash;
     EXPECT_EQ(flash->erase(flash, static_cast<uint32_t>(bench.address(kTarget, block)), 2 * block), 0);
@@ -66,8 +64,7 @@ TEST_P(RawFlashOn, ErasesBlocks) {
 
 TEST_P(RawFlashOn, ReadsAnyBytes) {
     FlashBench bench(GetParam());
-    bench.fill({kTarget});
-    bench.open();
+    bench.open({kTarget});
     const Content content = bench.all(kTarget);
     const uint64_t size = bench.part_bytes();
     for (const auto &[offset, count] : {std::pair<uint64_t, size_t>(0, size), {size - 1, 1}, {777, size / 6}})
@@ -76,8 +73,7 @@ TEST_P(RawFlashOn, ReadsAnyBytes) {
 
 TEST_P(RawFlashOn, RefusesWhatDoesNotFitBeforeItTouchesAnything) {
     FlashBench bench(GetParam());
-    bench.fill({kBefore, kTarget, kBehind});
-    bench.open();
+    bench.open({kBefore, kTarget, kBehind});
     RawFlash *const flash = bench.flash;
     const size_t block = GetParam().erase_bytes;
     const auto size = static_cast<uint32_t>(bench.part_bytes());
@@ -177,8 +173,7 @@ TEST_P(RawFlashOn, HoldsTheFlashLockWhileItWorks) {
 
 TEST_P(RawFlashOn, KeepsTheAreaOfTheFpgaApart) {
     FlashBench bench(GetParam());
-    bench.fill({kFlags});
-    bench.open();
+    bench.open({kFlags});
     const Content data = pattern(2 * size_t{GetParam().erase_bytes}, 3);
     EXPECT_EQ(bench.write(bench.fpga_start(), data), 0);
     EXPECT_EQ(bench.bytes(kFpgaPart, 0, data.size()), data);
@@ -254,8 +249,7 @@ TEST(RawFlashAddress, BelongsToTheSmallestPartitionThatHoldsIt) {
 
 TEST(RawFlashDescription, IsBroughtToTheOtherCopy) {
     FlashBench bench(kNor);
-    bench.fill({kTarget});
-    bench.open();
+    bench.open({kTarget});
     const ImageFolder folder;  // of kNor: the places of "target" and "copy"
     folder.put("partitionV3.txt", "partition, 0, 0x0000c000, 0x0000c000, R, , , , 0x00024000\n");
     const Content image = folder.make();

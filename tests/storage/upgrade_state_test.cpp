@@ -72,25 +72,19 @@ TEST_P(Flags, StayInsideTheirPageBlockAndPartition) {
 }
 
 TEST_P(Flags, OfRawFlashAreWrittenOncePerErase) {
-    EXPECT_EQ(write(0, 0, 0, 0x55), 0);
-    EXPECT_EQ(write(0, 1, 0, 0xAA), 0);
-    EXPECT_EQ(write(0, 0, 0, 0x6A), is_raw() ? -1 : 0);
-    EXPECT_EQ(write(0, 0, 1, 0x6A), is_raw() ? -1 : 0);
-    EXPECT_EQ(stored(0, 0, 0), is_raw() ? 0x55 : 0x6A);
+    for (uint32_t block = 0; block < 3; ++block) EXPECT_EQ(write(block, 0, 0, 0x55), 0);
+    EXPECT_EQ(write(1, 1, 0, 0xAA), 0);
+    EXPECT_EQ(write(1, 0, 0, 0x6A), is_raw() ? -1 : 0);
+    EXPECT_EQ(write(1, 0, 1, 0x6A), is_raw() ? -1 : 0);
+    EXPECT_EQ(stored(1, 0, 0), is_raw() ? 0x55 : 0x6A);
     EXPECT_EQ(unit.log.count(" This page cannot be written!\n"), is_raw() ? 2 : 0);
-    EXPECT_EQ(UNIT_CALL(unit, QEL_flashClearBackUpFlag)(0), 0);
-    EXPECT_EQ(stored(0, 0, 0), 0xFF);
-    EXPECT_EQ(stored(0, 1, 0), 0xFF);
-    EXPECT_EQ(write(0, 0, 0, 0x6A), 0);
-}
-
-TEST_P(Flags, ClearOneBlockOnly) {
-    for (uint32_t block = 0; block < 3; ++block) EXPECT_EQ(write(block, 0, 0, 1), 0);
     auto *const state = static_cast<uint8_t *>(unit.library->symbol("gBackupState"));
     *state = 0x55;
     EXPECT_EQ(UNIT_CALL(unit, QEL_flashClearBackUpFlag)(1), 0);
-    for (uint32_t block = 0; block < 3; ++block) EXPECT_EQ(stored(block, 0, 0), block == 1 ? 0xFF : 1);
     EXPECT_EQ(*state, 0xFF);
+    EXPECT_EQ(stored(1, 1, 0), 0xFF);
+    for (uint32_t block = 0; block < 3; ++block) EXPECT_EQ(stored(block, 0, 0), block == 1 ? 0xFF : 0x55);
+    EXPECT_EQ(write(1, 0, 0, 0x6A), 0);
 }
 
 TEST_P(Flags, TakeListsOfOnePageAtMost) {
@@ -190,29 +184,26 @@ TEST(UpdateState, WithoutFlagsEveryOperationDoesNothing) {
     unit.log.expect({"[libqel] Not support backup partition !!!\n"});
     unit.board.add_fault("/dev/mtd/* * fail EIO");
     uint8_t byte = 0x77;
-    for (const int answer :
-         {UNIT_CALL(unit, QEL_flashReadBackUpFlag)(0, 0, 0, &byte), UNIT_CALL(unit, QEL_readErrCount)(&byte),
-          UNIT_CALL(unit, QEL_readBootBackupVerFromFlash)(&byte),
-          UNIT_CALL(unit, QEL_flashReadCryptoUpFlag)(&byte, 1),
-          UNIT_CALL(unit, QEL_flashWriteBackUpFlag)(0, 0, 99999, 1),
-          UNIT_CALL(unit, Flash_flashWriteFlagPage)(0, 0, &byte, 99999),
-          UNIT_CALL(unit, QEL_flashWriteCrc)(&byte, 99999),
-          UNIT_CALL(unit, QEL_flashWriteCryptoUpFlag)(&byte, 1),
-          UNIT_CALL(unit, QEL_flashClearBackUpFlag)(99), UNIT_CALL(unit, QEL_flashClearCrc)(),
-          UNIT_CALL(unit, QEL_gotoStateInit)(), UNIT_CALL(unit, QEL_gotoStateWaitbackup)(),
-          UNIT_CALL(unit, QEL_readSysState)(), UNIT_CALL(unit, QEL_clearResetCount)(),
-          UNIT_CALL(unit, QEL_getUpdateState)()})
-        EXPECT_EQ(answer, 0);
+    const int answers[] = {UNIT_CALL(unit, QEL_flashReadBackUpFlag)(0, 0, 0, &byte),
+                           UNIT_CALL(unit, QEL_readErrCount)(&byte),
+                           UNIT_CALL(unit, QEL_readBootBackupVerFromFlash)(&byte),
+                           UNIT_CALL(unit, QEL_flashReadCryptoUpFlag)(&byte, 1),
+                           UNIT_CALL(unit, QEL_flashWriteBackUpFlag)(0, 0, 99999, 1),
+                           UNIT_CALL(unit, Flash_flashWriteFlagPage)(0, 0, &byte, 99999),
+                           UNIT_CALL(unit, QEL_flashWriteCrc)(&byte, 99999),
+                           UNIT_CALL(unit, QEL_flashWriteCryptoUpFlag)(&byte, 1),
+                           UNIT_CALL(unit, QEL_flashClearBackUpFlag)(99),
+                           UNIT_CALL(unit, QEL_flashClearCrc)(),
+                           UNIT_CALL(unit, QEL_gotoStateInit)(),
+                           UNIT_CALL(unit, QEL_gotoStateWaitbackup)(),
+                           UNIT_CALL(unit, QEL_readSysState)(),
+                           UNIT_CALL(unit, QEL_clearResetCount)(),
+                           UNIT_CALL(unit, QEL_getUpdateState)()};
+    for (const int &answer : answers) EXPECT_EQ(answer, 0) << "number " << &answer - answers;
     EXPECT_EQ(byte, 0x77);
     EXPECT_EQ(UNIT_CALL(unit, QEL_writeBackupVer)(2), 0);
     EXPECT_EQ(UNIT_CALL(unit, QEL_readBackupVer)(&byte), 0);
     EXPECT_EQ(byte, 2);
-}
-
-TEST(UpdateState, HasNoPagesOnOtherRawFlash) {
-    Unit unit(flash_board("", {{"updateflag"}}), {"/dev/mtd/0 ioctl:MEMGETINFO flip 1"});  // type 6
-    EXPECT_EQ(UNIT_CALL(unit, QEL_flashWriteBackUpFlag)(0, 0, 0, 1), -1);
-    EXPECT_EQ(UNIT_CALL(unit, Flash_flashWriteFlagPage)(0, 0, "", 0), -1);
 }
 
 // ---- the files ----

@@ -80,8 +80,7 @@ TEST_P(WriterOnNand, PutsTheDataIntoGoodBlocks) {
 
 TEST(Writer, FillsAPartitionToItsLastGoodBlock) {
     FlashBench bench(kNand, {.of_target = ", bad = [0, 11]"});
-    bench.fill({kBehind});
-    bench.open();
+    bench.open({kBehind});
     const size_t room = (kBlocks - 2) * kBlock;
     const Content data = pattern(room, 1);
     EXPECT_EQ(bench.write_partition(data), 0);
@@ -99,8 +98,7 @@ TEST(Writer, FillsAPartitionToItsLastGoodBlock) {
 
 TEST(Writer, ErasesPastBlocksThatGoBadAndNoFurtherThanAsked) {
     FlashBench bench(kNand, {.of_target = ", bad = [1], failing = [3]"});
-    bench.fill({kTarget});
-    bench.open();
+    bench.open({kTarget});
     const Content old = bench.all(kTarget);
     EXPECT_EQ(bench.flash->erase64(bench.flash, bench.address(kTarget, kBlock), 3 * kBlock), 0);
     const Content now = bench.all(kTarget);
@@ -154,8 +152,7 @@ TEST(Writer, FailsWhereNoOtherBlockCanTakeTheData) {
                                         {kEmmc, " write fail EIO at 1"},
                                         {kEmmc, " read flip 9 at 1"}}) {
         FlashBench bench(medium);
-        bench.fill({kBefore, kBehind});
-        bench.open();
+        bench.open({kBefore, kBehind});
         bench.board.add_fault(bench.node(kTarget) + fault);
         EXPECT_EQ(bench.write_partition(pattern(100, 1)), -1) << medium.name << fault;
         EXPECT_TRUE(bench.are_filled({kBefore, kBehind}));
