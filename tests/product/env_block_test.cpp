@@ -1,4 +1,4 @@
-// The block of boot parameters as bytes: sizes by board, walks over blocks of any content, changes.
+// The block of boot parameters as bytes: walks over blocks of any content, changes.
 #include "product/env_block.h"
 
 #include <gtest/gtest.h>
@@ -23,24 +23,6 @@ std::string operator""_z(const char *text, size_t length) { return {text, length
 std::string value_of(const Octets &block, const char *name) {
     const Value found = find(block, name);
     return found.text != nullptr ? std::string(found.text, found.length) : "none";
-}
-
-TEST(EnvBlock, ItsSizeIsTheBoards) {
-    constexpr uint64_t kPartition = 0x30000;
-    struct Case {
-        uint32_t type;
-        int category, board;
-        uint64_t bytes;
-    };
-    const Case cases[] = {
-        {4, 2, 14, 0x20000},    {3, 2, 3, 0x40000},  {3, 4, 5, 0x4000},
-        {3, 2, 14, kPartition}, {3, 0, 66, 0x20000}, {0, 0, 0, 0},
-    };
-    for (const Case &c : cases)
-        EXPECT_EQ(block_bytes({c.type, kPartition, c.category, c.board}), c.bytes)
-            << c.type << " " << c.board;
-    EXPECT_FALSE(has_reversed_words({4, kPartition, 0, 18}));
-    EXPECT_FALSE(has_reversed_words({3, kPartition, 0, 19}));
 }
 
 TEST(EnvBlock, AnEntryIsFoundByItsWholeName) {

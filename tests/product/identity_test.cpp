@@ -183,14 +183,6 @@ constexpr const char *kMap =
     "channel = [{ logical = 1, chip = 1, channel = 0, type = 16, category = 1 },\n"
     "           { logical = 0, chip = 0, channel = 1 }]\n";
 
-TEST(ChannelMap, WithADriverIsTheDrivers) {
-    const Unit unit(described("", kProperties, kMap));
-    EXPECT_EQ(channels_of(unit), 2);
-    EXPECT_EQ(UNIT_CALL(unit, QEL_chnMapGetLocalNum)(), 1);
-    EXPECT_EQ(info_of(unit, 1), (Info{1, 16, 0, 1}));
-    EXPECT_EQ(info_of(unit, 0), (Info{0, 5, 1, 2}));
-}
-
 TEST(ChannelMap, IsEmptyWhereThereIsNothingToMap) {
     const std::string claims = "[chip.channel_map]\ntotal = ";
     const std::tuple<std::string, std::string, std::string> cases[] = {
