@@ -1,4 +1,4 @@
-// The block of boot parameters as bytes: walks over blocks of any content, changes.
+// The block of boot parameters as bytes: sizes by board, walks over blocks of any content, changes.
 #include "product/env_block.h"
 
 #include <gtest/gtest.h>
@@ -23,6 +23,16 @@ std::string operator""_z(const char *text, size_t length) { return {text, length
 std::string value_of(const Octets &block, const char *name) {
     const Value found = find(block, name);
     return found.text != nullptr ? std::string(found.text, found.length) : "none";
+}
+
+TEST(EnvBlock, ItsSizeIsThatOfTheLastRuleThatFitsTheBoard) {
+    constexpr uint64_t kPartition = 0x30000;
+    const std::pair<Place, uint64_t> cases[] = {
+        {{4, kPartition, 2, 14}, 0x20000}, {{3, kPartition, 2, 3}, 0x40000},
+        {{3, kPartition, 4, 5}, 0x4000},   {{3, kPartition, 2, 14}, kPartition},
+        {{3, kPartition, 2, 41}, 0x20000}, {{0, kPartition, 0, 0}, 0}};
+    for (const auto &[place, bytes] : cases)
+        EXPECT_EQ(block_bytes(place), bytes) << place.flash_type << " " << place.board_type;
 }
 
 TEST(EnvBlock, AnEntryIsFoundByItsWholeName) {
