@@ -32,10 +32,6 @@ struct Medium {
     size_t bytes = kBlockBytes;
 
     size_t section_bytes() const { return bytes / sections.size(); }
-    uint32_t erase_bytes() const {  // of a block that is larger than the environment, the second one
-        return static_cast<uint32_t>(
-            std::max<uint64_t>(section_bytes(), sections.size() == 1 ? sections[0] : 0));
-    }
     std::string description() const {
         std::string text = board::find_board(board);
         for (const auto &[from, to] : changes) {

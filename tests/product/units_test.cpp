@@ -33,44 +33,29 @@ TEST(Properties, AreReadLittleEndianFromTheirPlaces) {
     for (const auto &[number, offset] : kPlaces) {
         EXPECT_EQ(property_of(record, number), offset | (offset + 1) << 8) << "property " << number;
     }
-}
-
-TEST(Properties, OthersAreInvalid) {
-    const HwidRecord record = numbered_record();
-    for (const int number : {-1, 0, 2, 7, 10, 17, 30, 31, 255, INT32_MAX, INT32_MIN}) {
-        EXPECT_EQ(property_of(record, number), -1) << number;
-    }
+    for (const int number : {-1, 0, 2, 7, 10, 17, 30, INT32_MAX, INT32_MIN})
+        EXPECT_EQ(property_of(record, number), -1) << "there is no property " << number;
 }
 
 TEST(ExtendedId, IsReadAsHexadecimalNumbersBetweenColons) {
-    struct Case {
-        std::string text;
-        std::vector<int> bytes;  // the rest is 0
-        bool has_more;
-    };
     const std::string sixteen = "0:1:2:3:4:5:6:7:8:9:a:b:c:d:e:f";
     std::vector<int> counted(16);
     std::iota(counted.begin(), counted.end(), 0);
-    const Case cases[] = {
+    const std::tuple<std::string, std::vector<int>, bool> cases[] = {
         {"", {}, false},
-        {"1:0:3", {1, 0, 3}, false},
-        {"a:B", {10, 11}, false},
-        {"ff:100:1fe", {255, 0, 254}, false},
+        {"ff:100:1fe:a:B", {255, 0, 254, 10, 11}, false},
         {"1::3", {1, 0, 3}, false},
         {":5", {0, 5}, false},
-        {"5:", {5}, false},
         {"zz:7", {0, 7}, false},
-        {sixteen, counted, false},
         {sixteen + ":", counted, false},
-        {sixteen + ":10", counted, true},
-        {sixteen + ":10:11:12", counted, true},
+        {sixteen + ":10:11", counted, true},
     };
-    for (const Case &c : cases) {
-        const HwidEx id = parse_hwid_ex(c.text.c_str());
-        EXPECT_EQ(id.has_more, c.has_more) << c.text;
-        for (size_t i = 0; i < id.bytes.size(); ++i) {
-            EXPECT_EQ(id.bytes[i], i < c.bytes.size() ? c.bytes[i] : 0) << c.text << " byte " << i;
-        }
+    for (const auto &[text, bytes, has_more] : cases) {
+        const HwidEx id = parse_hwid_ex(text.c_str());
+        EXPECT_EQ(id.has_more, has_more) << text;
+        std::vector<int> wanted = bytes;
+        wanted.resize(16);
+        EXPECT_EQ(std::vector<int>(id.bytes.begin(), id.bytes.end()), wanted) << text;
     }
 }
 
@@ -81,25 +66,18 @@ TEST(ChannelTable, FindsTheFirstEntryOfAChannel) {
     EXPECT_EQ(find_channel(table, 1), nullptr);
     EXPECT_EQ(find_channel(table, 256 + 3), nullptr);
     EXPECT_EQ(count_on_chip(table, 0), 2u);
-    EXPECT_EQ(find_channel({}, 0), nullptr);
 }
 
-TEST(Families, MatchTheBeginningOfTheProductName) {
-    constexpr FamilyRule kRules[] = {{Family::kMicrocontrollerClock, "DOME-2"},
-                                     {Family::kHardwareRs485Direction, "DOME"}};
-    EXPECT_TRUE(is_of_family(kRules, "DOME-2M", Family::kMicrocontrollerClock));
-    EXPECT_FALSE(is_of_family(kRules, "DOME-3M", Family::kMicrocontrollerClock));
-    EXPECT_TRUE(is_of_family(kRules, "DOME-3M", Family::kHardwareRs485Direction));
-    EXPECT_FALSE(is_of_family(kRules, "DOM", Family::kHardwareRs485Direction));
-    EXPECT_FALSE(is_of_family({}, "DOME", Family::kHardwareRs485Direction));
-}
-
-TEST(ProductData, FixesTheLineOfAPortByTheFirstRuleThatFits) {
-    constexpr LineRule kRules[] = {{"DOME-2", 1, FixedLine::kRs485}, {"DOME", 1, FixedLine::kRs232}};
-    EXPECT_EQ(fixed_line_of(kRules, "DOME-2M", 1), FixedLine::kRs485);
-    EXPECT_EQ(fixed_line_of(kRules, "DOME-3M", 1), FixedLine::kRs232);
-    EXPECT_EQ(fixed_line_of(kRules, "DOME-2M", 2), FixedLine::kUnknown);
-    EXPECT_EQ(fixed_line_of(kRules, "BOX", 1), FixedLine::kUnknown);
+TEST(ProductData, IsThatOfTheFirstRuleThatFitsTheBeginningOfTheName) {
+    constexpr LineRule kLines[] = {{"DOME-2", 1, FixedLine::kRs485}, {"DOME", 1, FixedLine::kRs232}};
+    EXPECT_EQ(fixed_line_of(kLines, "DOME-2M", 1), FixedLine::kRs485);
+    EXPECT_EQ(fixed_line_of(kLines, "DOME-3M", 1), FixedLine::kRs232);
+    EXPECT_EQ(fixed_line_of(kLines, "DOME-2M", 2), FixedLine::kUnknown);
+    EXPECT_EQ(fixed_line_of(kLines, "DOM", 1), FixedLine::kUnknown);
+    constexpr FamilyRule kFamilies[] = {{Family::kMicrocontrollerClock, "DOME-2"}};
+    EXPECT_TRUE(is_of_family(kFamilies, "DOME-2M", Family::kMicrocontrollerClock));
+    EXPECT_FALSE(is_of_family(kFamilies, "DOME-3M", Family::kMicrocontrollerClock));
+    EXPECT_FALSE(is_of_family(kFamilies, "DOME-2M", Family::kHardwareRs485Direction));
 }
 
 }  // namespace
@@ -109,24 +87,17 @@ namespace qel::adapter {
 namespace {
 
 TEST(ForwardingMessage, PayloadMustLieWithinWhatArrived) {
-    struct Case {
-        uint32_t payload, message;
-        bool fits;
-    };
-    const Case cases[] = {
-        {0, 32, true},
-        {0, 31, false},
-        {0, 0, false},
-        {1, 32, false},
-        {304, 336, true},
-        {305, 336, false},
-        {~0u, 1 << 20, false},
-        {~0u - 31, 31, false},
-        {QEL_ADAPTER_MAX_PAYLOAD, 1 << 20, true},
-        {QEL_ADAPTER_MAX_PAYLOAD + 1, 1 << 20, false},
-    };
-    for (const Case &c : cases)
-        EXPECT_EQ(payload_fits(c.payload, c.message), c.fits) << c.payload << " in " << c.message;
+    constexpr uint32_t kMost = QEL_ADAPTER_MAX_PAYLOAD;
+    for (const auto &[payload, message] : {std::pair(0u, 32u), {304, 336}, {kMost, 1 << 20}})
+        EXPECT_TRUE(payload_fits(payload, message)) << payload << " in " << message;
+    for (const auto &[payload, message] : {std::pair(0u, 31u),
+                                           {0, 0},
+                                           {1, 32},
+                                           {305, 336},
+                                           {~0u, 1 << 20},
+                                           {~0u - 31, 31},
+                                           {kMost + 1, 1 << 20}})
+        EXPECT_FALSE(payload_fits(payload, message)) << payload << " in " << message;
 }
 
 TEST(ForwardingMessage, AnswerMustBeToTheRequest) {

@@ -1,18 +1,7 @@
-// flash_bench.h - boards for the tests of the flash modules, and the library on them.
+// flash_bench.h - boards for the tests of the flash modules.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <optional>
-#include <string>
-#include <vector>
-
-#include "board/core/board.h"
-#include "board/core/chip.h"
-#include "board/core/errors.h"
-#include "qel/qel.h"
-#include "tests/support/library.h"
+#include "tests/support/unit.h"
 
 namespace qel::test {
 
@@ -36,60 +25,5 @@ inline std::string flash_board(const std::string &flash, const std::vector<Part>
     }
     return text + "\n";
 }
-
-// A board that this process lives on.
-class Place {
-public:
-    explicit Place(const std::string &description) : board(description) {
-        board.enter({.chip = 0, .as = "vesta"});
-    }
-    ~Place() {
-        EXPECT_EQ(board.take_misuses(), std::vector<std::string>{});
-        board.leave();
-    }
-    std::string host_path(const std::string &path) {
-        std::string host;
-        EXPECT_EQ(board.chip(0).tree().resolve(path, true, host), 0);
-        return host;
-    }
-    std::string file(const std::string &path) {
-        std::ifstream in(host_path(path), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-    void put_file(const std::string &path, const std::string &content) {
-        std::ofstream(host_path(path), std::ios::binary) << content;
-    }
-    int byte_at(const std::string &node, uint64_t offset) {
-        const auto answer = board.poke(0, node, {"read", std::to_string(offset), "1"});
-        return answer.value == 1 ? answer.data[0] : -1;
-    }
-    void set_byte(const std::string &node, uint64_t offset, int value) {
-        const auto byte = static_cast<uint8_t>(value);
-        EXPECT_EQ(board.poke(0, node, {"write", std::to_string(offset), board::to_hex(&byte, 1)}).value, 0);
-    }
-
-    board::Board board;
-    Log log;
-};
-
-// The same with the library loaded.
-class Unit : public Place {
-public:
-    explicit Unit(const std::string &description, const std::vector<std::string> &faults = {})
-        : Place(description) {
-        for (const std::string &fault : faults) board.add_fault(fault);
-        load();
-    }
-    ~Unit() { library.reset(); }
-    void load() { library.emplace(); }
-    void reload() {
-        library.reset();
-        log.clear();
-        load();
-    }
-    std::optional<Library> library;
-};
-
-#define UNIT_CALL(unit, name) CALL(*(unit).library, name)
 
 }  // namespace qel::test

@@ -1,22 +1,14 @@
 // rawflash_bench.h - small boards with flash of every kind, and raw flash objects on them.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <optional>
+#include <algorithm>
 #include <ostream>
-#include <string>
-#include <vector>
 
-#include "board/core/board.h"
-#include "qel/qel.h"
-#include "tests/support/library.h"
+#include "tests/support/unit.h"
 
 namespace qel::test {
 
-using Content = std::vector<uint8_t>;
+using Content = Bytes;
 
 struct Medium {
     const char *name;
@@ -41,53 +33,38 @@ constexpr uint32_t kBlocks = 12;
 enum Part { kBefore, kTarget, kBehind, kCopy, kFlags, kFpgaPart, kParts };
 
 struct BoardKeys {
-    std::string of_target;  // further keys of its table: "bad = [1]"
-    std::string of_flash;
+    std::string of_target{};  // further keys of its table: ", bad = [1]"
     bool has_flags = true;
     std::string more_partitions{};
 };
 
 inline std::string raw_board(const Medium &medium, const BoardKeys &keys = {}) {
     const uint64_t bytes = uint64_t{kBlocks} * medium.erase_bytes;
-    const auto part = [&](const char *name, const std::string &more = "") {
-        return "{ name = \"" + std::string(name) + "\", size = " + std::to_string(bytes) +
-               (more.empty() ? "" : ", " + more) + " },\n";
+    const auto part = [&](const std::string &name, const std::string &more = "") {
+        return "{ name = \"" + name + "\", size = " + std::to_string(bytes) + more + " },\n";
     };
-    const uint64_t fpga = 16 * bytes;
     return "name = \"bench\"\n[[chip]]\n[chip.hwid]\nname = \"BX-200\"\n[chip.hwid.properties]\n5 = 3\n"
            "[chip.misc]\n[chip.channel_map]\nchannel = [{ logical = 0 }]\n[chip.flash]\nkind = \"" +
            std::string(medium.kind) + "\"\nerase_bytes = " + std::to_string(medium.erase_bytes) +
-           "\npage_bytes = " + std::to_string(medium.page_bytes) + "\nfpga_start = " + std::to_string(fpga) +
-           "\n" + keys.of_flash + "\npartition = [\n" + part("before") +
-           part("target", "backup = " + std::to_string(3 * bytes) +
-                              (keys.of_target.empty() ? "" : ", " + keys.of_target)) +
-           part("behind") + part("copy") + part(keys.has_flags ? "updateflag" : "plain") + part("fpga") +
-           "]\n";
-}
-
-// `bytes` that differ from seed to seed and from page to page.
-inline Content pattern(size_t bytes, unsigned seed) {
-    Content out(bytes);
-    for (size_t i = 0; i < bytes; ++i)
-        out[i] = static_cast<uint8_t>(size_t{41} * seed + i * 7 + (i >> 8) * 13 + (i >> 16) * 5);
-    return out;
+           "\npage_bytes = " + std::to_string(medium.page_bytes) +
+           "\nfpga_start = " + std::to_string(16 * bytes) + "\npartition = [\n" + part("before") +
+           part("target", ", backup = " + std::to_string(3 * bytes) + keys.of_target) + part("behind") +
+           part("copy") + part(keys.has_flags ? "updateflag" : "plain") + part("fpga") +
+           keys.more_partitions + "]\n";
 }
 
 // A board that this process lives on, the library and one raw flash object.
-class FlashBench {
+class FlashBench : public Place {
 public:
     explicit FlashBench(const Medium &on, const BoardKeys &keys = {}, const board::Options &options = {})
-        : medium(on), board(raw_board(on, keys), options) {
-        board.enter({.chip = 0, .as = "vesta"});
-    }
+        : Place(raw_board(on, keys), "vesta", options), medium(on) {}
     ~FlashBench() {
         close();
         library.reset();
-        EXPECT_EQ(board.take_misuses(), std::vector<std::string>());
-        board.leave();
     }
-    // Loads the library and makes an object over this chip's flash.
-    void open() {
+    // Fills those partitions, loads the library and makes an object over this chip's flash.
+    void open(const std::vector<int> &parts_to_fill = {}) {
+        fill(parts_to_fill);
         library.emplace();
         EXPECT_EQ(CALL(*library, createRawFlashLocal)(&flash), 0);
     }
@@ -106,27 +83,28 @@ public:
                                 : "/dev/mtd/" + std::to_string(part);
     }
 
-    // Straight from the medium and to it, past its driver.
     Content bytes(int part, uint64_t offset, uint64_t count) {
-        return board.poke(0, node(part), {"read", std::to_string(offset), std::to_string(count)}).data;
+        return Place::bytes(node(part), offset, count);
     }
     Content all(int part) { return bytes(part, 0, part_bytes()); }
-    void put(int part, uint64_t offset, const Content &content) {
-        std::string hex;
-        for (const uint8_t byte : content) {
-            char pair[3];
-            snprintf(pair, sizeof pair, "%02x", byte);
-            hex += pair;
-        }
-        EXPECT_EQ(board.poke(0, node(part), {"write", std::to_string(offset), hex}).value, 0);
+    static Content filling(int part, uint64_t count) {
+        return pattern(count, 100 + static_cast<unsigned>(part));
     }
-    void fill(int part) { put(part, 0, pattern(part_bytes(), 100 + static_cast<unsigned>(part))); }
-    bool is_filled(int part) { return all(part) == pattern(part_bytes(), 100 + static_cast<unsigned>(part)); }
+    void fill(const std::vector<int> &parts) {
+        for (const int part : parts) put_bytes(node(part), 0, filling(part, part_bytes()));
+    }
+    bool are_filled(const std::vector<int> &parts) {
+        return std::all_of(parts.begin(), parts.end(),
+                           [this](int part) { return all(part) == filling(part, part_bytes()); });
+    }
     void mark(const char *how, int part, uint32_t block) {
         EXPECT_EQ(board.poke(0, node(part), {how, std::to_string(block)}).value, 0);
     }
     int write_partition(const Content &data, const char *name = "target") {
         return flash->writePartition(flash, name, data.data(), static_cast<uint32_t>(data.size()));
+    }
+    int write(uint64_t at, const Content &data) {
+        return flash->write64(flash, at, data.data(), static_cast<uint32_t>(data.size()));
     }
     // What an address holds, through the object.
     Content read(uint64_t at, size_t count) {
@@ -136,8 +114,6 @@ public:
     }
 
     const Medium medium;
-    board::Board board;
-    Log log;
     std::optional<Library> library;
     RawFlash *flash = nullptr;
 };

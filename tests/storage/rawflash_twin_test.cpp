@@ -1,15 +1,11 @@
 // The raw flash object over both chips of the board "twin": this process is the master, the slave is a
 // child. The slave's flash is NOR, the master's NAND.
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 
-#include "board/core/chip.h"
-#include "tests/storage/rawflash_bench.h"
+#include "tests/support/slave.h"
+#include "tests/support/unit.h"
 
 namespace qel::test {
 namespace {
@@ -18,38 +14,6 @@ constexpr size_t kSlaveBlock = 0x10000;
 constexpr uint32_t kKernelOfSlave = 0x80000;  // where the partition starts there
 constexpr uint32_t kKernelOfSlaveBytes = 0x280000;
 constexpr const char *kKernelNode = "/dev/mtd/3";
-
-// A process on chip 1: forked at once, loads the library on start(), unloads it at the end.
-class Slave {
-public:
-    explicit Slave(board::Board &board) {
-        if (pipe(pipe_.data()) != 0) abort();
-        pid_ = fork_child();
-        if (pid_ != 0) return;
-        ::close(pipe_[1]);
-        char byte = 0;
-        if (::read(pipe_[0], &byte, 1) == 1) {
-            board.enter({.chip = 1, .as = "vesta"});
-            {
-                Library library;
-                while (::read(pipe_[0], &byte, 1) == 1) {
-                }
-            }
-            EXPECT_EQ(board.take_misuses(), std::vector<std::string>());
-        }
-        end_child(testing::Test::HasFailure() ? 1 : 0);
-    }
-    ~Slave() {
-        ::close(pipe_[1]);
-        EXPECT_EQ(wait_for_child(pid_, 20000), 0);
-        ::close(pipe_[0]);
-    }
-    void start() { EXPECT_EQ(::write(pipe_[1], "g", 1), 1); }
-
-private:
-    std::array<int, 2> pipe_{};
-    int pid_ = -1;
-};
 
 class RawFlashOnTwin : public testing::Test {
 protected:
@@ -68,15 +32,15 @@ protected:
         EXPECT_EQ(CALL(*library_, createRawFlash)(&flash), 0);
         return flash;
     }
-    RawFlash *create_adapter() {
+    RawFlash *create_adapter(uint32_t chip = 1) {
         RawFlash *flash = nullptr;
-        EXPECT_EQ(CALL(*library_, createRawFlashAdapter)(1, &flash), 0);
+        EXPECT_EQ(CALL(*library_, createRawFlashAdapter)(chip, &flash), chip == 1 ? 0 : -1);
         return flash;
     }
-    Content kernel(uint32_t chip, uint64_t offset, uint64_t bytes) {
+    Bytes kernel(uint32_t chip, uint64_t offset, uint64_t bytes) {
         return board_.poke(chip, kKernelNode, {"read", std::to_string(offset), std::to_string(bytes)}).data;
     }
-    static int write_kernel(RawFlash *flash, const Content &data) {
+    static int write_kernel(RawFlash *flash, const Bytes &data) {
         return flash->writePartition(flash, "Kernel", data.data(), static_cast<uint32_t>(data.size()));
     }
     void put_mounts(const std::string &text) {
@@ -97,13 +61,12 @@ TEST_F(RawFlashOnTwin, WritesThePartitionOfEveryChip) {
         "/dev/root / squashfs ro 0 0\n/dev/mtdblock6 /mnt/data jffs2 rw 0 0\n"
         "/dev/mtdblock7 /mnt/database jffs2 rw 0 0\ntmpfs /mnt/firmware tmpfs rw 0 0");
     RawFlash *const flash = create();
-    EXPECT_TRUE(log_.contains("[libqel] flashChnNum = 1, nFlashNum = 2, dspSums = 2\n"));
-    EXPECT_TRUE(log_.contains("[libqel] umount /mnt/data success!\n"));
-    EXPECT_TRUE(log_.contains("[libqel] createRawFlash OK! \n"));
+    log_.expect({"[libqel] flashChnNum = 1, nFlashNum = 2, dspSums = 2\n",
+                 "[libqel] umount /mnt/data success!\n", "[libqel] createRawFlash OK! \n"});
     EXPECT_EQ(board_.take_events(),
               (std::vector<std::string>{"chip 0: umount /mnt/data", "chip 0: umount /mnt/firmware"}));
 
-    const Content data = pattern(0x1F0123, 1);  // three messages
+    const Bytes data = pattern(0x1F0123, 1);  // three messages
     std::vector<uint64_t> done;
     flash->info->progress = [](void *context, uint64_t so_far, uint64_t total) {
         EXPECT_EQ(total, 2 * 0x1F0123u);
@@ -113,11 +76,9 @@ TEST_F(RawFlashOnTwin, WritesThePartitionOfEveryChip) {
     EXPECT_EQ(flash->info->chips, 2u);
     EXPECT_EQ(write_kernel(flash, data), 0) << log_.all();
     for (const uint32_t chip : {0u, 1u}) {
-        for (const size_t at : {size_t{0}, size_t{0x100000}}) {
+        for (const size_t at : {0, 0x100000}) {  // the most that the board tells at once
             const size_t count = std::min<size_t>(0x100000, data.size() - at);
-            const auto start = data.begin() + static_cast<ptrdiff_t>(at);
-            EXPECT_TRUE(kernel(chip, at, count) == Content(start, start + static_cast<ptrdiff_t>(count)))
-                << "chip " << chip << " at " << at;
+            EXPECT_TRUE(kernel(chip, at, count) == slice(data, at, count)) << chip << " at " << at;
         }
     }
     EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
@@ -125,8 +86,7 @@ TEST_F(RawFlashOnTwin, WritesThePartitionOfEveryChip) {
 
     flash->info->progress = nullptr;
     EXPECT_EQ(flash->writePartition(flash, "web", data.data(), 1), -1) << "the slave has none";
-    EXPECT_TRUE(log_.contains("[libqel] ERROR  (Flash_writePartition|"));
-    EXPECT_TRUE(log_.contains("): writePartition[1] err!\n"));
+    log_.expect({"[libqel] ERROR  (Flash_writePartition|", "): writePartition[1] err!\n"});
     EXPECT_EQ(flash->release(flash), 0);
 }
 
@@ -148,30 +108,28 @@ TEST_F(RawFlashOnTwin, AnswersWithTheLastChip) {
     EXPECT_EQ(CALL(*library_, Flash_getcaps)(&without, &caps), -1);
     EXPECT_EQ(CALL(*library_, Flash_getcaps)(nullptr, &caps), -1);
     EXPECT_EQ(flash->release(flash), 0);
-    RawFlash *none = nullptr;
-    EXPECT_EQ(CALL(*library_, createRawFlashAdapter)(2, &none), -1);
-    EXPECT_EQ(none, nullptr);
+    EXPECT_EQ(create_adapter(2), nullptr);
 }
 
 TEST_F(RawFlashOnTwin, ReachesTheSlaveByAddress) {
     RawFlash *const flash = create_adapter();
-    const Content data = pattern(0x110000, 2);
+    const Bytes data = pattern(0x110000, 2);
     const auto bytes = static_cast<uint32_t>(data.size());
     EXPECT_EQ(flash->write(flash, kKernelOfSlave, data.data(), bytes), 0);
-    Content back(data.size());
+    Bytes back(data.size());
     EXPECT_EQ(flash->read64(flash, kKernelOfSlave, back.data(), bytes), 0);
     EXPECT_TRUE(back == data);
     EXPECT_EQ(flash->erase(flash, kKernelOfSlave + kSlaveBlock, kSlaveBlock), 0);
-    EXPECT_EQ(kernel(1, kSlaveBlock, kSlaveBlock), Content(kSlaveBlock, 0xFF));
+    EXPECT_EQ(kernel(1, kSlaveBlock, kSlaveBlock), Bytes(kSlaveBlock, 0xFF));
     EXPECT_EQ(kernel(1, 2 * kSlaveBlock, 100),
-              Content(data.begin() + 2 * kSlaveBlock, data.begin() + 2 * kSlaveBlock + 100));
-    EXPECT_EQ(kernel(0, 0, 100), Content(100, 0xFF)) << "the master's own";
+              Bytes(data.begin() + 2 * kSlaveBlock, data.begin() + 2 * kSlaveBlock + 100));
+    EXPECT_EQ(kernel(0, 0, 100), Bytes(100, 0xFF)) << "the master's own";
 
     // Too long, and the first message tells.
-    const Content much = pattern(kKernelOfSlaveBytes + 1, 3);
+    const Bytes much = pattern(kKernelOfSlaveBytes + 1, 3);
     EXPECT_EQ(write_kernel(flash, much), -1);
     EXPECT_EQ(flash->write64(flash, kKernelOfSlave, much.data(), static_cast<uint32_t>(much.size())), -1);
-    EXPECT_EQ(kernel(1, 0, 100), Content(data.begin(), data.begin() + 100));
+    EXPECT_EQ(kernel(1, 0, 100), slice(data, 0, 100));
     EXPECT_EQ(flash->writePartition(flash, "a name that is too long", data.data(), 1), -1);
 
     // Aborted between two messages, and between two chips.
@@ -180,10 +138,10 @@ TEST_F(RawFlashOnTwin, ReachesTheSlaveByAddress) {
         auto *const object = static_cast<RawFlash *>(context);
         EXPECT_EQ(object->abort(object), 0);
     };
-    const Content again = pattern(data.size(), 4);
+    const Bytes again = pattern(data.size(), 4);
     EXPECT_EQ(write_kernel(flash, again), -1);
-    EXPECT_EQ(kernel(1, 0, 100), Content(again.begin(), again.begin() + 100));
-    EXPECT_EQ(kernel(1, 0x100000, 100), Content(data.begin() + 0x100000, data.begin() + 0x100000 + 100));
+    EXPECT_EQ(kernel(1, 0, 100), slice(again, 0, 100));
+    EXPECT_EQ(kernel(1, 0x100000, 100), slice(data, 0x100000, 100));
     EXPECT_EQ(flash->release(flash), 0);
 }
 
@@ -197,11 +155,7 @@ TEST_F(RawFlashOnTwin, ServesNoRequestThatIsNotWhole) {
         char name[16];
         uint8_t data[64];
     };
-    const struct {
-        const char *what;
-        uint32_t cmd, length, bytes;
-        int sent;
-    } cases[] = {
+    const std::tuple<const char *, uint32_t, uint32_t, uint32_t, int> cases[] = {
         {"not open", 4, 104, 64, 0},
         {"no head", 4, 39, 0, -1},
         {"read without room", 4, 103, 64, -1},
@@ -212,16 +166,14 @@ TEST_F(RawFlashOnTwin, ServesNoRequestThatIsNotWhole) {
         {"no such command", 99, 104, 0, -1},
         {"close of what is not open", 2, 40, 0, 0},
     };
-    for (const auto &one : cases) {
+    for (const auto &[what, cmd, length, bytes, result] : cases) {
         Request request{};
-        request.head = {1, 5000, 1, 0, QEL_MODULE_FLASH, one.cmd, one.length, 0};
-        request.bytes = one.bytes;
-        if (one.cmd == 8) std::fill(std::begin(request.name), std::end(request.name), 'x');
+        request.head = {1, 5000, 1, 0, QEL_MODULE_FLASH, cmd, length, 0};
+        request.bytes = bytes;
+        if (cmd == 8) std::fill(std::begin(request.name), std::end(request.name), 'x');
         const int sent = CALL(*library_, QEL_adapterMasterProc)(&request.head);
-        EXPECT_EQ(sent == 0, one.sent == 0) << one.what;
-        if (sent == 0) {
-            EXPECT_EQ(request.status, -1) << one.what;
-        }
+        EXPECT_EQ(sent == 0, result == 0) << what;
+        EXPECT_EQ(request.status, result == 0 ? -1 : 0) << what;
     }
     RawFlash *const flash = create_adapter();
     RawFlashCaps caps{};

@@ -1,23 +1,15 @@
 // The partition writer where the flash lets it down: blocks that are bad, that go bad, that answer what
 // was not written, and the power that goes in the middle.
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
 
 #include "tests/storage/rawflash_bench.h"
+#include "tests/support/scratch.h"
 
 namespace qel::test {
 namespace {
 
 constexpr size_t kBlock = 0x1000;  // of kNand
 constexpr const char *kTargetNode = "/dev/mtd/1";
-
-Content part_of(const Content &content, size_t at, size_t count) {
-    const auto start = content.begin() + static_cast<ptrdiff_t>(at);
-    return {start, start + static_cast<ptrdiff_t>(count)};
-}
 
 // ---- bad blocks ----
 
@@ -54,7 +46,7 @@ INSTANTIATE_TEST_SUITE_P(BadBlocks, WriterOnNand, testing::ValuesIn(kBadBlocks),
 
 TEST_P(WriterOnNand, PutsTheDataIntoGoodBlocks) {
     FlashBench bench(kNand);
-    for (const int part : {kBefore, kTarget, kBehind}) bench.fill(part);
+    bench.fill({kBefore, kTarget, kBehind});
     for (const uint32_t block : GetParam().from_factory) bench.mark("bad", kTarget, block);
     for (const uint32_t block : GetParam().going_bad) bench.mark("failing", kTarget, block);
     bench.open();
@@ -69,14 +61,14 @@ TEST_P(WriterOnNand, PutsTheDataIntoGoodBlocks) {
     const Content now = bench.all(kTarget);
     const std::vector<uint32_t> &good = GetParam().good;
     for (uint32_t k = 0; k < good.size(); ++k) {
-        EXPECT_EQ(part_of(now, good[k] * kBlock, kBlock), part_of(data, k * kBlock, kBlock)) << k;
+        EXPECT_EQ(slice(now, good[k] * kBlock, kBlock), slice(data, k * kBlock, kBlock)) << k;
     }
     const auto behind = (good.back() + 1) * kBlock;
-    EXPECT_EQ(part_of(now, behind, now.size() - behind), part_of(old, behind, now.size() - behind));
+    EXPECT_EQ(slice(now, behind, now.size() - behind), slice(old, behind, now.size() - behind));
     for (const uint32_t block : GetParam().from_factory) {
-        EXPECT_EQ(part_of(now, block * kBlock, kBlock), part_of(old, block * kBlock, kBlock));
+        EXPECT_EQ(slice(now, block * kBlock, kBlock), slice(old, block * kBlock, kBlock));
     }
-    EXPECT_TRUE(bench.is_filled(kBefore) && bench.is_filled(kBehind));
+    EXPECT_TRUE(bench.are_filled({kBefore, kBehind}));
 
     // A bad block was marked once, and the next object knows of it.
     EXPECT_EQ(bench.log.count("is marked bad"), GetParam().marked);
@@ -87,9 +79,8 @@ TEST_P(WriterOnNand, PutsTheDataIntoGoodBlocks) {
 }
 
 TEST(Writer, FillsAPartitionToItsLastGoodBlock) {
-    FlashBench bench(kNand, {.of_target = "bad = [0, 11]", .of_flash = "", .has_flags = true});
-    bench.fill(kBehind);
-    bench.open();
+    FlashBench bench(kNand, {.of_target = ", bad = [0, 11]"});
+    bench.open({kBehind});
     const size_t room = (kBlocks - 2) * kBlock;
     const Content data = pattern(room, 1);
     EXPECT_EQ(bench.write_partition(data), 0);
@@ -101,21 +92,20 @@ TEST(Writer, FillsAPartitionToItsLastGoodBlock) {
     // Now the room shrinks while it is filled.
     bench.mark("failing", kTarget, 10);
     EXPECT_EQ(bench.write_partition(data), -1);
-    EXPECT_EQ(bench.read(bench.address(kTarget), room - kBlock), part_of(data, 0, room - kBlock));
-    EXPECT_TRUE(bench.is_filled(kBehind));
+    EXPECT_EQ(bench.read(bench.address(kTarget), room - kBlock), slice(data, 0, room - kBlock));
+    EXPECT_TRUE(bench.are_filled({kBehind}));
 }
 
 TEST(Writer, ErasesPastBlocksThatGoBadAndNoFurtherThanAsked) {
-    FlashBench bench(kNand, {.of_target = "bad = [1], failing = [3]", .of_flash = "", .has_flags = true});
-    bench.fill(kTarget);
-    bench.open();
+    FlashBench bench(kNand, {.of_target = ", bad = [1], failing = [3]"});
+    bench.open({kTarget});
     const Content old = bench.all(kTarget);
     EXPECT_EQ(bench.flash->erase64(bench.flash, bench.address(kTarget, kBlock), 3 * kBlock), 0);
     const Content now = bench.all(kTarget);
     for (uint32_t block = 0; block < kBlocks; ++block) {
         const bool erased = block == 2 || block == 4;
-        EXPECT_EQ(part_of(now, block * kBlock, kBlock),
-                  erased ? Content(kBlock, 0xFF) : part_of(old, block * kBlock, kBlock))
+        EXPECT_EQ(slice(now, block * kBlock, kBlock),
+                  erased ? Content(kBlock, 0xFF) : slice(old, block * kBlock, kBlock))
             << block;
     }
     EXPECT_EQ(bench.log.count("is marked bad"), 1);
@@ -125,52 +115,49 @@ TEST(Writer, ErasesPastBlocksThatGoBadAndNoFurtherThanAsked) {
 }
 
 TEST(Writer, GivesUpWhereTheBlocksAreNotToBlame) {
-    const struct {
-        const char *fault;
-        int marked;
-    } cases[] = {
+    const std::pair<const char *, int> cases[] = {
         {" ioctl:MEMERASE fail EIO", 8},    // as many blocks do not fail at once
         {" ioctl:MEMERASE fail EROFS", 0},  // the driver refuses
         {" write fail EACCES", 0},         {" read fail ENODEV", 0},
         {" seek fail EINVAL", 0},          {" ioctl:MEMSETBADBLOCK fail EROFS", 0},
         {" open fail EMFILE", 0},
     };
-    for (const auto &one : cases) {
+    for (const auto &[fault, marked] : cases) {
         FlashBench bench(kNand);
-        for (const int part : {kBefore, kBehind}) bench.fill(part);
+        bench.fill({kBefore, kBehind});
         bench.mark("failing", kTarget, 1);
         bench.open();
-        bench.board.add_fault(std::string(kTargetNode) + one.fault);
-        EXPECT_EQ(bench.write_partition(pattern(3 * kBlock, 1)), -1) << one.fault;
-        EXPECT_EQ(bench.log.count("is marked bad"), one.marked) << one.fault;
-        EXPECT_TRUE(bench.is_filled(kBefore) && bench.is_filled(kBehind)) << one.fault;
+        bench.board.add_fault(std::string(kTargetNode) + fault);
+        EXPECT_EQ(bench.write_partition(pattern(3 * kBlock, 1)), -1) << fault;
+        EXPECT_EQ(bench.log.count("is marked bad"), marked) << fault;
+        EXPECT_TRUE(bench.are_filled({kBefore, kBehind})) << fault;
     }
 }
 
 TEST(Writer, DoesNotStepOverBlocksOfTheFpga) {
     FlashBench bench(kNand);
-    bench.fill(kFpgaPart);
+    bench.fill({kFpgaPart});
     bench.mark("failing", kFpgaPart, 1);
     bench.open();
     EXPECT_EQ(bench.write_partition(pattern(3 * kBlock, 1), "fpga"), -1);
-    EXPECT_EQ(bench.bytes(kFpgaPart, 0, kBlock), part_of(pattern(3 * kBlock, 1), 0, kBlock));
+    EXPECT_EQ(bench.bytes(kFpgaPart, 0, kBlock), slice(pattern(3 * kBlock, 1), 0, kBlock));
     EXPECT_EQ(bench.bytes(kFpgaPart, 2 * kBlock, kBlock),
-              part_of(pattern(3 * kBlock, 100 + kFpgaPart), 2 * kBlock, kBlock));
+              slice(FlashBench::filling(kFpgaPart, 3 * kBlock), 2 * kBlock, kBlock));
     EXPECT_EQ(bench.log.count("is marked bad"), 0);
 }
 
 TEST(Writer, FailsWhereNoOtherBlockCanTakeTheData) {
-    for (const Medium &medium : {kNor, kEmmc}) {
-        for (const char *fault : {" write fail EIO at 1", " read flip 9 at 1"}) {
-            FlashBench bench(medium);
-            for (const int part : {kBefore, kBehind}) bench.fill(part);
-            bench.open();
-            bench.board.add_fault(bench.node(kTarget) + fault);
-            EXPECT_EQ(bench.write_partition(pattern(100, 1)), -1) << medium.name << fault;
-            EXPECT_TRUE(bench.is_filled(kBefore) && bench.is_filled(kBehind));
-            bench.board.clear_faults();
-            EXPECT_EQ(bench.write_partition(pattern(100, 1)), 0) << "again";
-        }
+    for (const auto &[medium, fault] : {std::pair(kNor, " write fail EIO at 1"),
+                                        {kNor, " read flip 9 at 1"},
+                                        {kEmmc, " write fail EIO at 1"},
+                                        {kEmmc, " read flip 9 at 1"}}) {
+        FlashBench bench(medium);
+        bench.open({kBefore, kBehind});
+        bench.board.add_fault(bench.node(kTarget) + fault);
+        EXPECT_EQ(bench.write_partition(pattern(100, 1)), -1) << medium.name << fault;
+        EXPECT_TRUE(bench.are_filled({kBefore, kBehind}));
+        bench.board.clear_faults();
+        EXPECT_EQ(bench.write_partition(pattern(100, 1)), 0) << "again";
     }
 }
 
@@ -192,22 +179,16 @@ const Upgrade kUpgrades[] = {{"Nor", kNor, {}},
 // An upgrade of one partition, cut off at every write of the device, before it and inside it.
 class PowerCutOn : public testing::TestWithParam<Upgrade> {
 protected:
-    PowerCutOn() {
-        char folder[] = "/tmp/qel-writer-XXXXXX";
-        dir_ = mkdtemp(folder);
-    }
-    ~PowerCutOn() override { std::filesystem::remove_all(dir_); }
-
     const Medium &medium() const { return GetParam().medium; }
     Content data() const { return pattern(medium().erase_bytes + medium().page_bytes + 7, 1); }
     board::Options in(const std::string &folder) const {
-        return {.dir = dir_ + "/" + folder, .time_scale = 1};
+        return {.dir = scratch_.path(folder), .time_scale = 1};
     }
 
     void prepare() {
         const int status = run_in_child([&] {
             FlashBench bench(medium(), {}, in("made"));
-            for (const int part : {kBefore, kTarget, kBehind, kCopy, kFpgaPart}) bench.fill(part);
+            bench.fill({kBefore, kTarget, kBehind, kCopy, kFpgaPart});
             for (const uint32_t block : GetParam().failing) bench.mark("failing", kTarget, block);
             return 0;
         });
@@ -215,7 +196,8 @@ protected:
     }
     // Whether the power went before the upgrade was done.
     bool cut(const std::string &folder, int at, int torn) {
-        std::filesystem::copy(dir_ + "/made", dir_ + "/" + folder, std::filesystem::copy_options::recursive);
+        std::filesystem::copy(scratch_.path("made"), scratch_.path(folder),
+                              std::filesystem::copy_options::recursive);
         return run_in_child([&] {
                    FlashBench bench(medium(), {}, in(folder));
                    bench.open();
@@ -230,8 +212,7 @@ protected:
     int check(const std::string &folder) {
         return run_in_child([&] {
             FlashBench bench(medium(), {}, in(folder));
-            for (const int part : {kBefore, kBehind, kCopy, kFpgaPart})
-                EXPECT_TRUE(bench.is_filled(part)) << part;
+            EXPECT_TRUE(bench.are_filled({kBefore, kBehind, kCopy, kFpgaPart}));
             if (GetParam().failing.empty()) check_target(bench);
             bench.open();
             EXPECT_EQ(bench.log.count("ERROR"), 0) << bench.log.all();
@@ -245,25 +226,25 @@ protected:
     // New up to some block, one block in between, and as it was from there on.
     void check_target(FlashBench &bench) {
         const size_t unit = medium().erase_bytes;
-        const Content old = pattern(bench.part_bytes(), 100 + kTarget);
+        const Content old = FlashBench::filling(kTarget, bench.part_bytes());
         const Content now = bench.all(kTarget);
         Content written = data();
         written.resize(2 * unit, 0xFF);
         uint32_t block = 0;
-        while (block < 2 && part_of(now, block * unit, unit) == part_of(written, block * unit, unit)) ++block;
+        while (block < 2 && slice(now, block * unit, unit) == slice(written, block * unit, unit)) ++block;
         const size_t behind = (block < 2 ? block + 1 : block) * unit;
         if (medium().is_emmc()) return check_emmc_target(now, old, written);
-        EXPECT_EQ(part_of(now, behind, now.size() - behind), part_of(old, behind, now.size() - behind));
+        EXPECT_EQ(slice(now, behind, now.size() - behind), slice(old, behind, now.size() - behind));
     }
     // Bytes as they were behind the data, and each before it new or old.
     void check_emmc_target(const Content &now, const Content &old, const Content &written) {
         const size_t end = data().size() / medium().page_bytes * medium().page_bytes + medium().page_bytes;
         size_t k = 0;
         while (k < end && now[k] == written[k]) ++k;
-        EXPECT_EQ(part_of(now, k, now.size() - k), part_of(old, k, now.size() - k));
+        EXPECT_EQ(slice(now, k, now.size() - k), slice(old, k, now.size() - k));
     }
 
-    std::string dir_;
+    const Scratch scratch_;
 };
 
 TEST_P(PowerCutOn, HarmsNothingOutsideThePartition) {
@@ -281,7 +262,7 @@ TEST_P(PowerCutOn, HarmsNothingOutsideThePartition) {
                 ++tried;
                 EXPECT_EQ(check(folder), 0) << "cut at write " << at << " torn at " << torn;
             }
-            std::filesystem::remove_all(dir_ + "/" + folder);
+            std::filesystem::remove_all(scratch_.path(folder));
         }
         if (!reached) break;
     }

@@ -93,6 +93,10 @@ LogLine Log::find(std::string_view part) const {
     return {};
 }
 
+void Log::expect(std::initializer_list<std::string_view> parts) const {
+    for (const std::string_view part : parts) find(part);
+}
+
 bool Log::wait_for(std::string_view part, int timeout_ms) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     Collected &all = collected();

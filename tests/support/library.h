@@ -7,6 +7,7 @@
 //     EXPECT_EQ(CALL(library, QEL_productGetCfgNum)(), 1);
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,6 +34,8 @@ public:
     bool contains(std::string_view part) const { return count(part) > 0; }
     // The first line that contains `part`; fails the test and answers an empty line if none does.
     LogLine find(std::string_view part) const;
+    // Fails the test for each part that no line contains.
+    void expect(std::initializer_list<std::string_view> parts) const;
     // Waits (real time) until a line contains `part`; false after `timeout_ms`.
     bool wait_for(std::string_view part, int timeout_ms = 5000) const;
     void clear();

@@ -1,11 +1,9 @@
 #include "tests/tools/command.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "tests/support/library.h"
 
@@ -19,13 +17,6 @@ void make_it(int fd, const std::string &path, int flags) {
 }
 
 }  // namespace
-
-std::string read_all(const std::string &path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 Outcome run(const std::string &command, int deadline_ms) {
     const Scratch scratch;
@@ -46,19 +37,17 @@ Outcome run(const std::string &command, int deadline_ms) {
     return {code, read_all(out), read_all(err)};
 }
 
-Scratch::Scratch() {
-    std::string path = std::filesystem::temp_directory_path() / "qel-tools-XXXXXX";
-    path_ = mkdtemp(path.data()) != nullptr ? path : "";
+bool holds(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+void expect_end(const Outcome &outcome, int code, const std::string &said) {
+    EXPECT_EQ(outcome.code, code) << outcome.err;
+    EXPECT_TRUE(holds(outcome.out + outcome.err, said)) << said << "\nin " << outcome.out << outcome.err;
 }
 
-Scratch::~Scratch() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-}
-
-std::string Scratch::file(const std::string &name, const std::string &text) const {
-    std::ofstream(path_ + "/" + name) << text;
-    return path_ + "/" + name;
+std::string noise(size_t bytes) {
+    std::string text;
+    for (size_t i = 0; i < bytes; ++i) text += static_cast<char>(i * 7 + i / 251);
+    return text;
 }
 
 }  // namespace qel::test

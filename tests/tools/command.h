@@ -3,7 +3,20 @@
 
 #include <string>
 
+#include "tests/support/scratch.h"
+
 namespace qel::test {
+
+// Exit codes of qelctl.
+enum Exit {
+    kOk = 0,
+    kFailed = 1,
+    kUsage = 2,
+    kNoLibrary = 3,
+    kNoAnswer = 4,
+    kNoOutput = 5,
+    kInterrupted = 6
+};
 
 struct Outcome {
     int code;  // exit code, 128 + n after signal n, -1 when it was still running at the deadline
@@ -14,21 +27,11 @@ struct Outcome {
 // Runs `command` with /bin/sh; the programs of the build are on PATH, OSA_LOG and NO_COLOR unset.
 Outcome run(const std::string &command, int deadline_ms = 60000);
 
-// A folder of this test's own, removed with everything in it at the end.
-class Scratch {
-public:
-    Scratch();
-    ~Scratch();
-    Scratch(const Scratch &) = delete;
-    Scratch &operator=(const Scratch &) = delete;
-    const std::string &path() const { return path_; }
-    // Writes a file into it; its path.
-    std::string file(const std::string &name, const std::string &text) const;
+bool holds(const std::string &text, const std::string &part);
+// How a command ended, and what it said in either stream.
+void expect_end(const Outcome &outcome, int code, const std::string &said);
 
-private:
-    std::string path_;
-};
-
-std::string read_all(const std::string &path);
+// Bytes that do not repeat with any block.
+std::string noise(size_t bytes);
 
 }  // namespace qel::test

