@@ -41,8 +41,8 @@ TEST(Identity, TellsWhatTheRecordHolds) {
     EXPECT_EQ(type, std::string(64, 'x') + "BX-200" + std::string(26, '\0'));
 
     Bytes block(QEL_PRODUCT_INFO_BYTES + 1, 0xEE);
-    Bytes wanted(QEL_PRODUCT_INFO_BYTES);
-    wanted[0] = 1, wanted[1] = 2, wanted[2] = 0xFF;
+    Bytes wanted = {1, 2, 0xFF};
+    wanted.resize(QEL_PRODUCT_INFO_BYTES);
     wanted.push_back(0xEE);
     EXPECT_EQ(UNIT_CALL(unit, QEL_productGetInfo)(block.data()), 0);
     EXPECT_EQ(block, wanted);

@@ -1,4 +1,5 @@
 // The raw EEPROM objects: files in and out, several chips, and what each operation asks of the chip.
+#include <array>
 #include <filesystem>
 #include <map>
 

@@ -1,5 +1,6 @@
 // The partition table, the geometry, good blocks, and which copy of the firmware the device runs, as
 // the drivers tell and the library hands on.
+#include <array>
 #include <cstring>
 #include <thread>
 

@@ -1,5 +1,7 @@
 // The steps of an upgrade around the writes of the partition writer, which this test plays: what they
 // leave in the flags and in the files, and when they refuse a write. Each case is a process of its own.
+#include <array>
+
 #include "product/hwid_store.h"
 #include "storage/flash.h"
 #include "storage/flash_description.h"
