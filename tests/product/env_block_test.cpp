@@ -2,8 +2,10 @@
 #include "product/env_block.h"
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -25,14 +27,27 @@ std::string value_of(const Octets &block, const char *name) {
     return found.text != nullptr ? std::string(found.text, found.length) : "none";
 }
 
-TEST(EnvBlock, ItsSizeIsThatOfTheLastRuleThatFitsTheBoard) {
+TEST(EnvBlock, ItsSizeIsTheBoards) {
     constexpr uint64_t kPartition = 0x30000;
-    const std::pair<Place, uint64_t> cases[] = {
-        {{4, kPartition, 2, 14}, 0x20000}, {{3, kPartition, 2, 3}, 0x40000},
-        {{3, kPartition, 4, 5}, 0x4000},   {{3, kPartition, 2, 14}, kPartition},
-        {{3, kPartition, 2, 41}, 0x20000}, {{0, kPartition, 0, 0}, 0}};
-    for (const auto &[place, bytes] : cases)
-        EXPECT_EQ(block_bytes(place), bytes) << place.flash_type << " " << place.board_type;
+    struct Case {
+        uint32_t type;
+        int category, board;
+        uint64_t bytes;
+    };
+    const Case cases[] = {
+        {4, 2, 14, 0x20000},    {5, 2, 14, 0x20000},    {8, 4, 5, 0x20000},  {3, 0, 3, 0x20000},
+        {3, 2, 3, 0x40000},     {3, 3, 1, 0x40000},     {3, 3, 15, 0x20000}, {3, 2, 41, 0x20000},
+        {3, 4, 5, 0x4000},      {3, 4, 6, 0x20000},     {3, 2, 5, 0x40000},  {3, 2, 14, kPartition},
+        {3, 4, 18, kPartition}, {3, 0, 65, kPartition}, {3, 0, 62, 0x20000}, {3, 0, 66, 0x20000},
+        {3, -1, -1, 0x20000},   {3, 0, 65535, 0x20000}, {0, 0, 0, 0},        {6, 0, 0, 0},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(block_bytes({c.type, kPartition, c.category, c.board}), c.bytes)
+            << c.type << " " << c.category << " " << c.board;
+    }
+    EXPECT_TRUE(has_reversed_words({3, kPartition, 0, 18}));
+    EXPECT_FALSE(has_reversed_words({4, kPartition, 0, 18}));
+    EXPECT_FALSE(has_reversed_words({3, kPartition, 0, 19}));
 }
 
 TEST(EnvBlock, AnEntryIsFoundByItsWholeName) {
@@ -41,8 +56,9 @@ TEST(EnvBlock, AnEntryIsFoundByItsWholeName) {
     EXPECT_EQ(value_of(block, "ethaddr"), "1");
     EXPECT_EQ(value_of(block, "long"), "a=b");
     EXPECT_EQ(value_of(block, "empty"), "");
-    for (const char *name : {"", "ethadd", "ethaddr1", "x", "long=a"})
+    for (const char *name : {"", "ethadd", "ethaddr1", "x", "long=a", "eth=2"}) {
         EXPECT_EQ(value_of(block, name), "none") << name;
+    }
 }
 
 TEST(EnvBlock, AWalkEndsWithTheListOrTheBlock) {
@@ -71,6 +87,9 @@ TEST(EnvBlock, RemovingMovesTheRestDown) {
     EXPECT_EQ(block, block_of("b=22\0c=4\0"_z));
     remove(block, "none");
     EXPECT_EQ(block, block_of("b=22\0c=4\0"_z));
+    remove(block, "c");
+    remove(block, "b");
+    EXPECT_EQ(block, block_of(""));
     Octets torn = block_of("\xFF\xFF\xFFlue=3\0b=22\0"_z);
     EXPECT_EQ(value_of(torn, "\xFF\xFF\xFFlue"), "none");
     remove(torn, "none");
@@ -93,17 +112,56 @@ TEST(EnvBlock, AppendingStopsWhereTheListsEndWouldNotFit) {
     EXPECT_EQ(erased, wanted) << "the rest of the block is zero";
 }
 
+TEST(EnvBlock, TheCrcIsOfAllBehindIt) {
+    Octets block = block_of("a=1\0"_z);
+    store_crc(block);
+    const auto crc = static_cast<uint32_t>(crc32(0, block.data() + 4, 60));
+    EXPECT_EQ(block[0] | block[1] << 8 | block[2] << 16 | static_cast<uint32_t>(block[3]) << 24, crc);
+    Octets turned = block;
+    reverse_words(turned);
+    EXPECT_EQ(turned[0], block[3]);
+    EXPECT_EQ(turned[61], block[62]);
+    reverse_words(turned);
+    EXPECT_EQ(turned, block);
+}
+
 TEST(EnvBlock, HardwareAddressesAreReadAsFarAsTheyGo) {
-    const std::pair<const char *, Octets> cases[] = {
+    struct Case {
+        const char *text;
+        Octets mac;
+    };
+    const Case cases[] = {
         {"02:51:45:4c:00:10", {2, 0x51, 0x45, 0x4C, 0, 0x10}},
         {"A-b-C", {0xA, 0xB, 0xC, 0, 0, 0}},
+        {"", {0, 0, 0, 0, 0, 0}},
         {":::1", {0, 0, 0, 1, 0, 0}},
         {"1:2:3:4:5:6:7", {1, 2, 3, 4, 5, 6}},
+        {"1:", {1, 0, 0, 0, 0, 0}},
     };
-    for (const auto &[text, wanted] : cases) {
+    for (const Case &c : cases) {
         uint8_t mac[kMacBytes];
-        parse_mac(text, mac);
-        EXPECT_EQ(Octets(mac, mac + kMacBytes), wanted) << text;
+        parse_mac(c.text, mac);
+        EXPECT_EQ(Octets(mac, mac + kMacBytes), c.mac) << c.text;
+    }
+}
+
+// Against the simplest model: a list of pairs.
+TEST(EnvBlock, ManyChangesLeaveWhatAListWouldHold) {
+    std::mt19937 random(3);
+    Octets block(300);
+    std::vector<std::pair<std::string, std::string>> model;
+    for (int i = 0; i < 2000; ++i) {
+        const std::string name(1 + random() % 4, static_cast<char>('a' + random() % 6));
+        const std::string value(random() % 40, 'v');
+        std::erase_if(model, [&](const auto &pair) { return pair.first == name; });
+        remove(block, name.c_str());
+        size_t used = 0;
+        for (const auto &[n, v] : model) used += n.size() + v.size() + 2;
+        ASSERT_EQ(bytes_in_use(block), used);
+        const bool fits = used + name.size() + value.size() + 3 <= block.size() - kCrcBytes;
+        ASSERT_EQ(append(block, name.c_str(), value.c_str()), fits);
+        if (fits) model.emplace_back(name, value);
+        for (const auto &[n, v] : model) ASSERT_EQ(value_of(block, n.c_str()), v);
     }
 }
 

@@ -265,9 +265,38 @@ TEST(Environment, AnswersARequestOfTheMaster) {
 
 // ---- other programs ----
 
+bool has(const char *program) {
+    return std::system((std::string("command -v ") + program + " >/dev/null").c_str()) == 0;
+}
+
+TEST(OtherPrograms, MakeBlocksThatAreRead) {
+    if (!has("mkenvimage")) GTEST_SKIP() << "this machine lacks mkenvimage (u-boot-tools)";
+    const Medium &emmc = kMedia[4];
+    const Scratch folder;
+    const std::string text = folder.file("text", "hwidEx=7:8\nbootcmd=a=b; c\nempty=\n");
+    for (const char *padding : {"", "-p 0x00 "}) {
+        const std::string image = folder.path("image");
+        ASSERT_EQ(std::system(("mkenvimage -s 0x20000 " + (padding + ("-o " + image)) + " " + text).c_str()),
+                  0);
+        const std::string block = read_all(image);
+        ASSERT_EQ(block.size(), kBlockBytes);
+
+        Camera camera(emmc.description());
+        const int fd = ops().open(emmc.node, 2, 0);
+        EXPECT_EQ(ops().write(fd, block.data(), block.size()), static_cast<ssize_t>(block.size()));
+        ops().close(fd);
+        camera.reload();
+        EXPECT_EQ(camera.get("bootcmd"), "a=b; c");
+        EXPECT_EQ(camera.get("empty"), "");
+        EXPECT_EQ(camera.get("bootdelay"), "none");
+        EXPECT_EQ(camera.set("more", "1"), 0);
+        EXPECT_EQ(entries_of(block_in_flash(emmc)),
+                  (std::vector<std::string>{"hwidEx=7:8", "bootcmd=a=b; c", "empty=", "more=1"}));
+    }
+}
+
 TEST(OtherPrograms, ReadWhatWasSet) {
-    if (std::system("command -v fw_printenv >/dev/null") != 0)
-        GTEST_SKIP() << "this machine lacks fw_printenv (libubootenv-tool)";
+    if (!has("fw_printenv")) GTEST_SKIP() << "this machine lacks fw_printenv (libubootenv-tool)";
     for (const Medium &medium : kMedia) {
         if (medium.bytes != kBlockBytes) continue;
         Camera camera(medium.description());

@@ -264,6 +264,18 @@ TEST_F(Eefs, UsesTheChipToItsLastByte) {
     EXPECT_EQ(get("last"), Bytes(1, 'x'));
 }
 
+TEST_F(Eefs, LosesTheFileSystemToANinthFile) {
+    start();
+    for (char name[] = "1"; name[0] <= '8'; ++name[0]) put(name, pattern(4, name[0]));
+    put("9", pattern(4, 9));
+    EXPECT_EQ(word(20), 9u);
+    EXPECT_EQ(words(120, 3), (Words{0, 120 + 8 * (56 + 20), 20})) << "its entry lies over the first header";
+    EXPECT_EQ(get("9"), pattern(4, 9));
+    EXPECT_EQ(fs.open("10"), -1) << "a tenth has no place in memory";
+    restart();
+    EXPECT_EQ(count(), 0u) << "such a head counts as none";
+}
+
 TEST_F(Eefs, ClearsAllFiles) {
     start();
     put("a", pattern(10, 1));
@@ -286,6 +298,19 @@ TEST_F(Eefs, OverwritesTheWholeChipWithZeros) {
     EXPECT_TRUE(shown.ends_with("\rWrote address 0x00000800 (99.95%) "));
     restart();
     EXPECT_EQ(count(), 0u);
+}
+
+TEST_F(Eefs, TakesTheHeadFromItsSecondPlace) {
+    start();
+    put("a", pattern(10, 1));
+    const Bytes image = bytes(0, 400);
+    bench_.put_bytes(bench_.node(0), 0, Bytes(128, 0xFF));
+    bench_.put_bytes(bench_.node(0), 128, image);
+    restart();
+    EXPECT_EQ(get("a"), pattern(10, 1));
+    put("b", pattern(10, 2));
+    EXPECT_EQ(word(128 + 20), 2u);
+    EXPECT_EQ(bytes(0, 128), Bytes(128, 0xFF));
 }
 
 TEST_F(Eefs, FormatsFurtherOnWhereTheStartDoesNotHold) {
@@ -420,6 +445,18 @@ TEST(EefsDevice, SaysWhatCannotBeOpened) {
     EXPECT_EQ(CALL(*bench.library, EEFS_MultLibInit)(&attributes, QEL_EEPROM_CHIPS_MAX), -1);
     bench.board.add_fault("/dev/qecEEPROM ioctl:GET_ATTRIBUTES fail EIO");
     EXPECT_EQ(CALL(*bench.library, EEFS_LibInit)(&attributes), -1);
+}
+
+// Chips too small for a file, for a header, for a head.
+TEST(EefsDevice, StaysOnTinyChips) {
+    for (const unsigned capacity : {1u, 119u, 120u, 176u, 177u}) {
+        EepromBench bench(eeprom_board(eeprom_table(16, capacity)));
+        EefsChipAttr attributes{};
+        const bool room_for_head = capacity >= 120;
+        EXPECT_EQ(CALL(*bench.library, EEFS_LibInit)(&attributes), room_for_head ? 0 : -1) << capacity;
+        if (!room_for_head) continue;
+        EXPECT_EQ(CALL(*bench.library, EEFS_LibOpen)("a"), capacity > 176 ? 0 : -1) << capacity;
+    }
 }
 
 }  // namespace

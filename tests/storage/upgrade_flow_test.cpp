@@ -1,6 +1,7 @@
 // The steps of an upgrade around the writes of the partition writer, which this test plays: what they
 // leave in the flags and in the files, and when they refuse a write. Each case is a process of its own.
 #include <array>
+#include <memory>
 
 #include "product/hwid_store.h"
 #include "storage/flash.h"
@@ -312,6 +313,34 @@ TEST(DescriptionFlush, WritesTheCopyThatTheDeviceDoesNotRunFrom) {
         EXPECT_EQ(g_written, std::vector<uint64_t>{});
         EXPECT_EQ(flash::switch_target(), 0x01100000u);
         EXPECT_EQ(QEL_flashDeinit(), 0);
+    });
+}
+
+TEST(UpgradeFlow, WithoutFlagsMarksNothingAndStillTellsOthers) {
+    in_a_process({"", {{"web", "backup = 0x100000"}}}, [](Flow &flow) {
+        EXPECT_EQ(flow.write(0), 0);
+        EXPECT_EQ(flow.word("/tmp/upgrade_ing"), 1u);
+        complete();
+        end_session();
+        EXPECT_EQ(flow.word("/tmp/upgrade_ing"), 0u);
+        EXPECT_EQ(gBackupState, 0xFF);
+    });
+}
+
+TEST(FlashLock, IsTakenOncePerThreadAndKeepsOthersOut) {
+    in_a_process({}, [](Flow &) {
+        auto outer = std::make_unique<flash::Lock>();
+        ASSERT_TRUE(outer->held());
+        EXPECT_EQ(QEL_flashWriteBackUpFlag(1, 0, 0, 0x12), 0);  // takes it again
+        OSA_IpcSem others = nullptr;
+        int key = 0;
+        ASSERT_EQ(OSA_ipcMakeKey("/var/tmp/flashkey", 3, &key), 0);
+        ASSERT_EQ(OSA_ipcSemOpen(&others, key, 0, 1, 1), 0);
+        EXPECT_NE(OSA_ipcSemLock(others, 0), 0);
+        outer.reset();
+        EXPECT_EQ(OSA_ipcSemLock(others, 0), 0);
+        EXPECT_EQ(OSA_ipcSemUnlock(others), 0);
+        OSA_ipcSemClose(&others);
     });
 }
 
