@@ -55,7 +55,7 @@ int wait_readable(const LineUse &use, const LineOperations &operations, const Co
 
 ssize_t take(const LineUse &use, const LineOperations &operations, const ComIoParam &request,
              uint32_t discards_before) {
-    // Nobody has looked whether there is something: where the line blocks, so does this.
+    // Nobody has looked whether there is something, and the line does not block.
     if (request.timeoutMs == 0) return operations.read(use.fd(), request);
     Slot &slot = use.slot();
     const MutexLock lock(slot.take_mutex);
@@ -269,7 +269,10 @@ int TimeLeft::slice_ms(int most_ms) const {
 }
 
 int receive(const char *function, const LineUse &use, const LineOperations &operations, ComIoParam &request) {
-    const ComIoParam wanted = request;
+    ComIoParam wanted = request;
+    // Where the line blocks a read without time waits as well: here, for in the read itself no close would
+    // end it, and nobody could write meanwhile.
+    if (wanted.timeoutMs == 0 && !use.nonblocking()) wanted.timeoutMs = -1;
     request.length = 0;
     const TimeLeft left(wanted.timeoutMs);
     const int turn = become_reader(use, left);
