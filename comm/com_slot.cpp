@@ -88,9 +88,18 @@ int receive_as_reader(const char *function, const LineUse &use, const LineOperat
             request.length = static_cast<uint32_t>(got);
             return 0;
         }
-        const bool nothing_there = got == -EAGAIN;
-        if (nothing_there && wanted.timeoutMs != 0) continue;
-        if (!nothing_there && got < 0)
+        if (got == -EAGAIN) {
+            if (wanted.timeoutMs == 0) return OSA_EFAIL;
+            // Others were quicker; or it never gives what it says is there.
+            if (left.is_over()) return QEL_ETIMEOUT;
+            if (const int over = use.over(); over != 0) {
+                log_failed_wait(function, over);
+                return OSA_EFAIL;
+            }
+            continue;
+        }
+        // Without a wait nothing is no failure of the line.
+        if (got < 0 || wanted.timeoutMs != 0)
             QEL_ERROR_AS(function, "read failed, errno=%d\n", static_cast<int>(-got));
         return OSA_EFAIL;
     }
