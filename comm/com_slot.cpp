@@ -120,6 +120,7 @@ void prepare_slot(Slot &slot, uint32_t port) {
 }
 
 Created create_slot(Slot &slot, const ComObjDesc &desc) {
+    const MutexLock life(slot.life);  // a line that is being opened is shared, too
     const MutexLock lock(slots_mutex);
     if (slot.line != nullptr) {
         ++slot.references;

@@ -13,7 +13,7 @@
  * | setAttribute             | 30 ms, for the line to settle, and for a frame being sent             |
  * | read of a port           | at most 500 ms; of the device layers: as long as the request says     |
  * | write of a port          | at most 2 s; of the device layers: as long as the request says        |
- * | close, release           | for another thread's open or setAttribute of the port; not for a read |
+ * | create, close, release   | for another thread's open or setAttribute of the port; not for a read |
  * |                          | or write under way, which ends by itself                              |
  *
  * A line that stops with bytes in its buffer (QEL_COM_SUSPEND_OUTPUT, a far end that takes no more)
