@@ -237,7 +237,7 @@ QEL_API int QEL_comGetPriv(ComHandle hCom, ComPriv *out);
 
 /* Sets the open line of a port raw, and keeps the settings it had. */
 QEL_API int QEL_TtyRaw(int port);
-/* Puts the settings back and closes the line, however often it was opened. */
+/* Puts the settings back and closes the line, however often it was opened; the console has port 0 again. */
 QEL_API int QEL_TtyExit(int port);
 /* Tells the kernel's console whose line it is: status 0 the library's (descriptor fd), 1 its own. */
 QEL_API int QEL_shellTty(int port, unsigned status, int fd);

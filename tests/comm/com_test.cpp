@@ -439,6 +439,9 @@ TEST(Console, IsToldWhoseTheFirstPortIs) {
     EXPECT_EQ(told(), taken);
     EXPECT_EQ(com.close(), 0);
     EXPECT_EQ(told(), taken + "fd -1");
+    ASSERT_EQ(com.open(), 0);
+    EXPECT_EQ(CALL(bench, QEL_TtyExit)(0), 0);
+    EXPECT_TRUE(told().ends_with("fd -1")) << "every way out tells it";
     bool switched = false;
     for (const std::string &line : tracing.lines())
         switched |=
