@@ -330,7 +330,7 @@ int QEL_TtyExit(int port) {
     OpenLine *line = detach_all(com);
     if (line == nullptr) return 0;
     restore(com, line->fd);
-    abandon(line);
+    close_object(com, line);
     return 0;
 }
 

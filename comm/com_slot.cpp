@@ -55,7 +55,7 @@ int wait_readable(const LineUse &use, const LineOperations &operations, const Co
 
 ssize_t take(const LineUse &use, const LineOperations &operations, const ComIoParam &request,
              uint32_t discards_before) {
-    // Nobody has looked whether there is something: where the line blocks, so does this.
+    // Nobody has looked whether there is something, and the line does not block.
     if (request.timeoutMs == 0) return operations.read(use.fd(), request);
     Slot &slot = use.slot();
     const MutexLock lock(slot.take_mutex);
@@ -88,9 +88,18 @@ int receive_as_reader(const char *function, const LineUse &use, const LineOperat
             request.length = static_cast<uint32_t>(got);
             return 0;
         }
-        const bool nothing_there = got == -EAGAIN;
-        if (nothing_there && wanted.timeoutMs != 0) continue;
-        if (!nothing_there && got < 0)
+        if (got == -EAGAIN) {
+            if (wanted.timeoutMs == 0) return OSA_EFAIL;
+            // Others were quicker; or it never gives what it says is there.
+            if (left.is_over()) return QEL_ETIMEOUT;
+            if (const int over = use.over(); over != 0) {
+                log_failed_wait(function, over);
+                return OSA_EFAIL;
+            }
+            continue;
+        }
+        // Without a wait nothing is no failure of the line.
+        if (got < 0 || wanted.timeoutMs != 0)
             QEL_ERROR_AS(function, "read failed, errno=%d\n", static_cast<int>(-got));
         return OSA_EFAIL;
     }
@@ -111,6 +120,7 @@ void prepare_slot(Slot &slot, uint32_t port) {
 }
 
 Created create_slot(Slot &slot, const ComObjDesc &desc) {
+    const MutexLock life(slot.life);  // a line that is being opened is shared, too
     const MutexLock lock(slots_mutex);
     if (slot.line != nullptr) {
         ++slot.references;
@@ -269,7 +279,10 @@ int TimeLeft::slice_ms(int most_ms) const {
 }
 
 int receive(const char *function, const LineUse &use, const LineOperations &operations, ComIoParam &request) {
-    const ComIoParam wanted = request;
+    ComIoParam wanted = request;
+    // Where the line blocks a read without time waits as well: here, for in the read itself no close would
+    // end it, and nobody could write meanwhile.
+    if (wanted.timeoutMs == 0 && !use.nonblocking()) wanted.timeoutMs = -1;
     request.length = 0;
     const TimeLeft left(wanted.timeoutMs);
     const int turn = become_reader(use, left);

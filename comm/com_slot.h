@@ -29,7 +29,7 @@ struct OpenLine {
     int fd;
     SetDirection direction;  // nullptr: nothing to turn round
     bool polls_line_status;  // tells when its last bit is out
-    bool nonblocking;
+    bool nonblocking;        // a read of nothing returns at once
     unsigned users;
     bool abandoned;
 };

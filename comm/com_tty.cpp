@@ -37,11 +37,11 @@ int drain(int fd) {
 
 // Sleeps while the frame cannot be out yet, and again when it is overdue; not around its end, for who
 // turns the line round late loses the start of the reply.
-void pause_until_empty(uint64_t end_ms) {
+void pause_until_empty(uint64_t end_ms, const TimeLeft &left) {
     const uint64_t now_ms = OSA_timeMs();
+    const auto most_ms = static_cast<uint64_t>(left.slice_ms(kWriteSlice_ms));
     if (now_ms + kWatchBefore_ms < end_ms)
-        OSA_sleepMs(
-            static_cast<unsigned>(std::min<uint64_t>(end_ms - kWatchBefore_ms - now_ms, kWriteSlice_ms)));
+        OSA_sleepMs(static_cast<unsigned>(std::min(end_ms - kWatchBefore_ms - now_ms, most_ms)));
     else if (now_ms > end_ms + kWatchAfter_ms)
         OSA_sleepMs(1);
 }
@@ -62,7 +62,7 @@ int watch_line_status(const LineUse &use, size_t bytes, int32_t timeout_ms) {
         if (timeout_ms < 0 && OSA_timeMs() > end_ms + kWatchAfter_ms) {
             if (const int over = use.over(); over != 0) return over;
         }
-        pause_until_empty(end_ms);
+        pause_until_empty(end_ms, left);
     }
 }
 

@@ -86,9 +86,9 @@ int rs485_write(const void *buffer, int bytes) {
         return OSA_EFAIL;
     }
     if (put == bytes)
-        QEL_INFO("write uart ok,ret:%d\n", put);
+        QEL_VERBOSE("write uart ok,ret:%d\n", put);
     else
-        QEL_INFO("only write %d,need write %d\n", put, bytes);
+        QEL_VERBOSE("only write %d,need write %d\n", put, bytes);
     return put;
 }
 

@@ -98,7 +98,7 @@ int start_line(const char *function, UartObject &uart, int opened) QEL_REQUIRES(
         QEL_ERROR_AS(function, " \n");
         return OSA_EFAIL;
     }
-    if (attach(uart, {.fd = fd.get(), .direction = direction}) != 0) {
+    if (attach(uart, {.fd = fd.get(), .direction = direction, .nonblocking = true}) != 0) {
         QEL_ERROR_AS(function, "malloc(sizeof(OpenLine))\n");
         return OSA_EFAIL;
     }

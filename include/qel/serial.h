@@ -13,7 +13,7 @@
  * | setAttribute             | 30 ms, for the line to settle, and for a frame being sent             |
  * | read of a port           | at most 500 ms; of the device layers: as long as the request says     |
  * | write of a port          | at most 2 s; of the device layers: as long as the request says        |
- * | close, release           | for another thread's open or setAttribute of the port; not for a read |
+ * | create, close, release   | for another thread's open or setAttribute of the port; not for a read |
  * |                          | or write under way, which ends by itself                              |
  *
  * A line that stops with bytes in its buffer (QEL_COM_SUSPEND_OUTPUT, a far end that takes no more)
@@ -127,8 +127,8 @@ typedef struct {
 
 /*
  * A serial port. Objects of the same port share its line: it opens with the first open and closes with
- * the last close, or when the last object goes. Any number of threads may use an object, but nobody
- * after its last release.
+ * the last close, or when the last object goes; of objects made while it was closed the first that goes
+ * is the last. Any number of threads may use an object, but nobody after its last release.
  */
 typedef struct CommPort CommPort;
 struct CommPort {
@@ -237,7 +237,7 @@ QEL_API int QEL_comGetPriv(ComHandle hCom, ComPriv *out);
 
 /* Sets the open line of a port raw, and keeps the settings it had. */
 QEL_API int QEL_TtyRaw(int port);
-/* Puts the settings back and closes the line, however often it was opened. */
+/* Puts the settings back and closes the line, however often it was opened; the console has port 0 again. */
 QEL_API int QEL_TtyExit(int port);
 /* Tells the kernel's console whose line it is: status 0 the library's (descriptor fd), 1 its own. */
 QEL_API int QEL_shellTty(int port, unsigned status, int fd);

@@ -94,6 +94,19 @@ TEST(ComObject, OfAnOpenPortIsSharedThoughTheResultSaysNo) {
     EXPECT_EQ(anew.call("Delete"), -1) << "nobody's any more";
 }
 
+TEST(ComObject, ThatAnotherThreadIsOpeningIsShared) {
+    CommBench bench(tty("2", "", "direction_line = 6"));
+    const Com first(bench, {2, 1, 1});
+    bench.board.add_fault("/dev/qecMisc ioctl:SET_RS485_DIRECTION delay 300");
+    std::thread opener([&] { EXPECT_EQ(first.open_raw(), 0); });
+    while (first.state().raw == 0) std::this_thread::yield();
+    const Com second(bench, {2, 1, 1});
+    opener.join();
+    EXPECT_EQ(second.result, -1);
+    EXPECT_EQ(first.state().references, 2);
+    EXPECT_EQ(first.state().raw, 1U) << "its settings can still be put back";
+}
+
 TEST(ComObject, IsRawUntilItsSettingsArePutBack) {
     CommBench bench(tty("1") + tty("0"));
     const int held = ops().open(kNode, O_RDWR | O_NOCTTY, 0);  // keeps the terminal
@@ -418,6 +431,9 @@ TEST(Console, IsToldWhoseTheFirstPortIs) {
     EXPECT_EQ(told_console(), taken);
     EXPECT_EQ(com.close(), 0);
     EXPECT_EQ(told_console(), taken + "fd -1");
+    ASSERT_EQ(com.open(), 0);
+    EXPECT_EQ(CALL(bench, QEL_TtyExit)(0), 0);
+    EXPECT_TRUE(told_console().ends_with("fd -1")) << "every way out tells it";
     bool switched = false;
     for (const std::string &line : tracing.lines())
         switched |=

@@ -172,6 +172,7 @@ TEST(CommPort, SlotsTellWhatTheirRequestsCameTo) {
     EXPECT_EQ(port->write(port.get(), &byte, 0), -1);
     EXPECT_EQ(bench.board.poke(0, "/dev/ttyS1", {"hang-up"}).value, 0);
     EXPECT_EQ(port->read(port.get(), &byte, 1), -1) << "hung up";
+    bench.expect_logged({"(QEL_comRead|", "): read failed, errno="});
 }
 
 TEST(CommPort, ObjectsOfOnePortShareItsLineUntilTheLastGoes) {

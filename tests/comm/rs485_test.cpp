@@ -173,6 +173,34 @@ TEST(Rs485Line, ThatIsClosedLetsTheFrameOnItGoOut) {
     EXPECT_EQ(direction(bench), "receive");
 }
 
+TEST(Rs485Line, IsNotKeptByAReadWithoutTime) {
+    CommBench bench(rs485_line(kDraining));  // opened blocking: such a read waits
+    const OpenCom com(bench, {2, 1, 1});
+    const auto read = [&](int result) {
+        char byte = 0;
+        ComIoParam request{&byte, 1, 0};
+        EXPECT_EQ(com.call("Read", &request), result);
+    };
+    std::thread reader(read, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // it waits by then, or comes too late
+    std::atomic<bool> has_written = false;
+    std::thread writer([&] {
+        char byte = 'x';
+        ComIoParam request{&byte, 1, 1000};
+        EXPECT_EQ(com.call("Write", &request), 0);
+        has_written = true;
+    });
+    for (int tries = 0; tries < 2000 && !has_written; ++tries) usleep(1000);
+    EXPECT_TRUE(has_written);
+    if (!has_written) bench.board.poke(0, kNode, {"send", "78"});
+    reader.join();
+    writer.join();
+    std::thread closed(read, -1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(com.close(), 0);
+    closed.join();
+}
+
 TEST(Rs485Line, GoesBackToReceiveAfterAFailedWrite) {
     CommBench bench(rs485_line(kDraining));
     OpenCom com(bench, {2, 1, 1});

@@ -98,6 +98,10 @@ TEST(UartObject, EndsItsWaitsInTime) {
     EXPECT_EQ(uart.request.length, 0U);
     EXPECT_EQ(uart.read(bytes, 8, -1), -2) << "no limit means 50 ms here";
     EXPECT_EQ(uart.read(bytes, 8, 0), -1);
+    EXPECT_EQ(uart.write("x", 1000), 0);
+    bench.board.add_fault("/dev/qecUart2 ioctl:READ fail EAGAIN at 1..100000");
+    EXPECT_EQ(uart.read(bytes, 8, 100), -2) << "a driver that says ready and gives nothing";
+    bench.board.clear_faults();
     for (const int32_t timeout_ms : {-2, -50}) {
         EXPECT_EQ(uart.read(bytes, 8, timeout_ms), -1);
         EXPECT_EQ(uart.write("x", timeout_ms), -1);
