@@ -319,18 +319,18 @@ Traffic traffic_of(Box &box, Operation operation) {
 // What the format makes necessary, byte for byte: nothing is read twice.
 TEST(RawEeprom, ReadsAndWritesNoMoreThanTheFormatAsks) {
     Box box;
-    const size_t entry = 12 + 24, commit = kHeader + entry;  // entry and start of the head
+    const size_t head = kHead, header = kHeader;
+    const size_t entry = 12 + 24, commit = header + entry;  // entry and start of the head
     EXPECT_EQ(traffic_of(box, [&] { box.store("a", pattern(100, 1)); }),
-              (Traffic{entry, kHeader + 100 + commit}));
+              (Traffic{entry, header + 100 + commit}));
     box.store("b", pattern(100, 2));
     box.store("c", pattern(100, 3));
-    EXPECT_EQ(traffic_of(box, [&] { box.store("b", pattern(110, 4)); }),
-              (Traffic{2 * kHeader, 110 + kHeader}))
+    EXPECT_EQ(traffic_of(box, [&] { box.store("b", pattern(110, 4)); }), (Traffic{2 * header, 110 + header}))
         << "in place: the headers up to its own";
     // Laid out anew: headers, the others' data, and the new head, which is read back.
     EXPECT_EQ(traffic_of(box, [&] { box.store("b", pattern(200, 5)); }),
-              (Traffic{3 * kHeader + 200 + kHead, 2 * kHead + 3 * (kHeader + commit) + 400}));
-    EXPECT_EQ(traffic_of(box, [&] { box.files(); }), (Traffic{3 * kHeader + 400, 0}));
+              (Traffic{3 * header + 200 + head, 2 * head + 3 * (header + commit) + 400}));
+    EXPECT_EQ(traffic_of(box, [&] { box.files(); }), (Traffic{3 * header + 400, 0}));
 }
 
 }  // namespace
